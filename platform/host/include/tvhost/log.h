@@ -1,0 +1,36 @@
+// Test control of the host platform log.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace tvhost {
+namespace log {
+
+struct Record {
+    int priority;      // platform priority: 3 debug .. 7 fatal
+    std::string tag;
+    std::string text;  // the formatted message, as written
+};
+
+// Switches the platform log on or off (_get_logging_on). On by default; the
+// environment variable TVHOST_LOG=off starts a process with it off.
+void SetEnabled(bool bEnabled);
+
+// Copies every record into memory for Records(). Off by default.
+void SetCapture(bool bCapture);
+
+// Writes records to stderr. On by default; TVHOST_LOG_STDERR=0 turns it off.
+void SetEcho(bool bEcho);
+
+std::vector<Record> Records();
+void ClearRecords();
+
+// Texts of the captured records that contain needle, in order.
+std::vector<std::string> Find(const std::string &needle);
+
+// How many times __dlog_vprint was called since the last reset.
+unsigned long PrintCount();
+
+} // namespace log
+} // namespace tvhost

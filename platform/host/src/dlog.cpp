@@ -1,0 +1,125 @@
+// The platform log on the host: one line per record on stderr, in the shape
+// "D/LUMORA( 1234): text", switchable off, and capturable for tests.
+#include <dlog.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <unistd.h>
+
+#include "registry.h"
+#include "tvhost/log.h"
+
+namespace {
+
+bool EnvIsOff(const char *name)
+{
+    const char *v = std::getenv(name);
+    return v && (!std::strcmp(v, "0") || !std::strcmp(v, "off") || !std::strcmp(v, "no"));
+}
+
+std::atomic<bool> g_bEnabled{!EnvIsOff("TVHOST_LOG")};
+std::atomic<bool> g_bEcho{!EnvIsOff("TVHOST_LOG_STDERR")};
+std::atomic<bool> g_bCapture{false};
+std::atomic<unsigned long> g_nPrints{0};
+
+std::mutex g_mutex;
+std::vector<tvhost::log::Record> g_records;
+
+char PriorityLetter(int prio)
+{
+    static const char letters[] = "??VDIWEFS";
+    return (prio >= 0 && prio < static_cast<int>(sizeof letters - 1)) ? letters[prio] : '?';
+}
+
+tvhost::detail::ResetHook g_reset([] {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_records.clear();
+    g_nPrints = 0;
+});
+
+} // namespace
+
+extern "C" int _get_logging_on(void)
+{
+    return g_bEnabled.load(std::memory_order_relaxed) ? 1 : 0;
+}
+
+extern "C" int __dlog_vprint(log_id_t log_id, int prio, const char *tag, const char *fmt, va_list ap)
+{
+    (void)log_id;
+    g_nPrints.fetch_add(1, std::memory_order_relaxed);
+    if (!fmt)
+        return -1;
+
+    char small[1024];
+    va_list copy;
+    va_copy(copy, ap);
+    int n = std::vsnprintf(small, sizeof small, fmt, copy);
+    va_end(copy);
+    if (n < 0)
+        return -1;
+    std::string text;
+    if (static_cast<size_t>(n) < sizeof small) {
+        text.assign(small, static_cast<size_t>(n));
+    } else {
+        text.resize(static_cast<size_t>(n) + 1);
+        std::vsnprintf(&text[0], text.size(), fmt, ap);
+        text.resize(static_cast<size_t>(n));
+    }
+    const char *t = tag ? tag : "";
+
+    if (g_bEcho.load(std::memory_order_relaxed)) {
+        // One write per record so that lines from several threads never interleave.
+        std::string line;
+        line.reserve(text.size() + 32);
+        char head[64];
+        std::snprintf(head, sizeof head, "%c/%s(%5d): ", PriorityLetter(prio), t, static_cast<int>(getpid()));
+        line += head;
+        line += text;
+        if (line.empty() || line.back() != '\n')
+            line += '\n';
+        ssize_t ignored = write(STDERR_FILENO, line.data(), line.size());
+        (void)ignored;
+    }
+    if (g_bCapture.load(std::memory_order_relaxed)) {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        g_records.push_back({prio, t, std::move(text)});
+    }
+    return n;
+}
+
+namespace tvhost {
+namespace log {
+
+void SetEnabled(bool bEnabled) { g_bEnabled = bEnabled; }
+void SetCapture(bool bCapture) { g_bCapture = bCapture; }
+void SetEcho(bool bEcho) { g_bEcho = bEcho; }
+unsigned long PrintCount() { return g_nPrints.load(); }
+
+std::vector<Record> Records()
+{
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return g_records;
+}
+
+void ClearRecords()
+{
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_records.clear();
+}
+
+std::vector<std::string> Find(const std::string &needle)
+{
+    std::vector<std::string> out;
+    std::lock_guard<std::mutex> lock(g_mutex);
+    for (const auto &r : g_records)
+        if (r.text.find(needle) != std::string::npos)
+            out.push_back(r.text);
+    return out;
+}
+
+} // namespace log
+} // namespace tvhost

@@ -1,0 +1,70 @@
+#include "Timer.h"
+
+#include <sys/select.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+CTimer::CTimer()
+    : m_hTimerThread(), m_tvPeriod{0, 0}, m_pfnCallback(nullptr), m_pArg(nullptr),
+      m_bRunning(false), m_bRepeat(false)
+{
+}
+
+CTimer::CTimer(long lSeconds, void (*pfnCallback)(void *), void *pArg, bool bRepeat)
+    : m_hTimerThread(), m_tvPeriod{lSeconds, 0}, m_pfnCallback(pfnCallback), m_pArg(pArg),
+      m_bRunning(false), m_bRepeat(bRepeat)
+{
+}
+
+CTimer::~CTimer()
+{
+    // A one-shot timer that already fired has cleared the flag and is not joined.
+    if (m_bRunning.load(std::memory_order_relaxed)) {
+        m_bRunning = false;
+        pthread_join(m_hTimerThread, nullptr);
+    }
+}
+
+void CTimer::SetTimer(long lSeconds, void (*pfnCallback)(void *), void *pArg, bool bRepeat)
+{
+    m_tvPeriod.tv_sec = lSeconds;
+    m_tvPeriod.tv_usec = 0;
+    m_pfnCallback = pfnCallback;
+    m_pArg = pArg;
+    m_bRepeat = bRepeat;
+}
+
+int CTimer::StartTimer()
+{
+    return pthread_create(&m_hTimerThread, nullptr, OnTimer_stub, this);
+}
+
+int CTimer::StopTimer()
+{
+    m_bRunning = false;
+    return pthread_join(m_hTimerThread, nullptr);
+}
+
+void *CTimer::OnTimer_stub(void *pThis)
+{
+    static_cast<CTimer *>(pThis)->thread_proc();
+    return nullptr;
+}
+
+void CTimer::thread_proc()
+{
+    m_bRunning = true;
+    sd_notifyf(0, "READY=1\nsd_notify READY Proc : %s(%lu)", "RAApp",
+               static_cast<unsigned long>(getpid()));
+
+    do {
+        if (!m_bRunning.load(std::memory_order_relaxed))
+            break;
+        struct timeval tvWait = m_tvPeriod;
+        select(0, nullptr, nullptr, nullptr, &tvWait);
+        if (m_pfnCallback)
+            m_pfnCallback(m_pArg);
+    } while (m_bRepeat);
+
+    m_bRunning = false;
+}
