@@ -28,6 +28,28 @@ ResetHook::ResetHook(std::function<void()> fn)
     std::lock_guard<std::mutex> lock(HooksMutex());
     Hooks().push_back(std::move(fn));
 }
+
+namespace {
+std::mutex g_quitMutex;
+std::function<void()> g_quitter;
+} // namespace
+
+void SetMainLoopQuitter(std::function<void()> fn)
+{
+    std::lock_guard<std::mutex> lock(g_quitMutex);
+    g_quitter = std::move(fn);
+}
+
+void QuitMainLoop()
+{
+    std::function<void()> fn;
+    {
+        std::lock_guard<std::mutex> lock(g_quitMutex);
+        fn = g_quitter;
+    }
+    if (fn)
+        fn();
+}
 } // namespace detail
 
 const std::string &Root()
