@@ -22,7 +22,7 @@ typedef enum {
     CONNECTION_ERROR_INVALID_PARAMETER = -22,
     CONNECTION_ERROR_OUT_OF_MEMORY = -12,
     CONNECTION_ERROR_INVALID_OPERATION = -38,
-    CONNECTION_ERROR_OPERATION_FAILED = -0x01C10000 | 0x0206
+    CONNECTION_ERROR_OPERATION_FAILED = -1
 } connection_error_e;
 
 typedef void (*connection_type_changed_cb)(connection_type_e type, void *user_data);

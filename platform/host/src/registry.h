@@ -18,5 +18,20 @@ void QuitMainLoop();
 // Installed by appcore_efl_main for the length of the loop.
 void SetMainLoopQuitter(std::function<void()> fn);
 
+// True while an Ecore main loop is set up (appcore_efl_main, or a test that
+// attached one): platform events are then delivered on it, as on the TV.
+// Without one they are delivered at once on the thread that caused them.
+bool MainLoopActive();
+void SetMainLoopActive(bool bActive);
+
+// Called when the main loop is torn down, so that services drop the fd
+// handlers they added to it.
+struct LoopStopHook {
+    explicit LoopStopHook(std::function<void()> fn);
+};
+
+// Runs fn on the main loop when one is active (from any thread), else at once.
+void RunOnMainLoop(std::function<void()> fn);
+
 } // namespace detail
 } // namespace tvhost

@@ -1,6 +1,9 @@
 #include "tvhost/tvhost.h"
 
+#include <Ecore.h>
+#include <atomic>
 #include <mutex>
+#include <memory>
 #include <vector>
 
 #include "registry.h"
@@ -49,6 +52,56 @@ void QuitMainLoop()
     }
     if (fn)
         fn();
+}
+
+namespace {
+std::atomic<bool> g_bLoopActive{false};
+
+void RunQueued(void *pData)
+{
+    std::unique_ptr<std::function<void()>> fn(static_cast<std::function<void()> *>(pData));
+    (*fn)();
+}
+} // namespace
+
+bool MainLoopActive()
+{
+    return g_bLoopActive.load();
+}
+
+std::vector<std::function<void()>> &StopHooks()
+{
+    static std::vector<std::function<void()>> hooks;
+    return hooks;
+}
+
+LoopStopHook::LoopStopHook(std::function<void()> fn)
+{
+    std::lock_guard<std::mutex> lock(HooksMutex());
+    StopHooks().push_back(std::move(fn));
+}
+
+void SetMainLoopActive(bool bActive)
+{
+    if (!bActive && g_bLoopActive) {
+        std::vector<std::function<void()>> hooks;
+        {
+            std::lock_guard<std::mutex> lock(HooksMutex());
+            hooks = StopHooks();
+        }
+        for (auto &fn : hooks)
+            fn();
+    }
+    g_bLoopActive = bActive;
+}
+
+void RunOnMainLoop(std::function<void()> fn)
+{
+    if (!MainLoopActive()) {
+        fn();
+        return;
+    }
+    ecore_main_loop_thread_safe_call_async(RunQueued, new std::function<void()>(std::move(fn)));
 }
 } // namespace detail
 

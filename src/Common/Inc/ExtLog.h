@@ -41,3 +41,7 @@ constexpr const char *ext_log_basename(const char *p)
 // text must only ever be an argument of the message, never part of fmt.
 #define LUMORA_LOG(level, fmt, ...) \
     ext_log_base_print((level), EXT_LOG_TAG, "%s:%s(%d)>" fmt, EXT_LOG_FILE, __FUNCTION__, __LINE__, ##__VA_ARGS__)
+
+// The same, for a helper that logs on behalf of the named function.
+#define LUMORA_LOG_AS(function, level, fmt, ...) \
+    ext_log_base_print((level), EXT_LOG_TAG, "%s:%s(%d)>" fmt, EXT_LOG_FILE, (function), __LINE__, ##__VA_ARGS__)

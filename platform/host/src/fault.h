@@ -1,0 +1,52 @@
+// Internal to tvhost: per-function call counts and queued fault results.
+#pragma once
+
+#include <deque>
+#include <map>
+#include <mutex>
+#include <string>
+
+namespace tvhost {
+namespace detail {
+
+class FaultTable {
+public:
+    // Counts a call of function; true with the queued result if one was waiting.
+    bool Call(const std::string &function, int &result)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_calls[function];
+        auto it = m_queued.find(function);
+        if (it == m_queued.end() || it->second.empty())
+            return false;
+        result = it->second.front();
+        it->second.pop_front();
+        return true;
+    }
+    void Queue(const std::string &function, int result, int times = 1)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (int i = 0; i < times; ++i)
+            m_queued[function].push_back(result);
+    }
+    int Count(const std::string &function) const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto it = m_calls.find(function);
+        return it == m_calls.end() ? 0 : it->second;
+    }
+    void Reset()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_calls.clear();
+        m_queued.clear();
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::map<std::string, int> m_calls;
+    std::map<std::string, std::deque<int>> m_queued;
+};
+
+} // namespace detail
+} // namespace tvhost
