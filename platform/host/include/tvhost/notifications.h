@@ -1,0 +1,79 @@
+// Test control of the host notification-data service: what was posted and
+// removed, the viewer's button presses and timeouts, fault injection, and where
+// the pop-ups are drawn.
+#pragma once
+
+#include <array>
+#include <cstdio>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tvhost {
+namespace notifications {
+
+// A copy of one posted notification_data_t. Text fields are empty optionals
+// where the record held a null pointer.
+struct Record {
+    int version = 0;
+    int popup = 0;
+    int style = 0;
+    std::optional<std::string> appId;
+    int itemId = 0;
+    std::array<int, 3> reserved1{};
+    std::optional<std::string> title;
+    std::optional<std::string> body;
+    std::optional<std::string> subText;
+    std::array<int, 3> reserved2{};
+    int buttonCount = 0;
+    int needAnswer = 0;
+    std::array<std::optional<std::string>, 3> buttonLabel;
+    std::array<std::optional<std::string>, 3> buttonIcon;
+};
+
+struct Removal {
+    std::string appId;
+    int itemId;
+    bool found;  // whether a shown notification was taken down
+};
+
+// Every record accepted by add_notification_data, in order (later posts of the
+// same item id included).
+std::vector<Record> Posted();
+// Notifications on screen now, in item id order.
+std::vector<Record> Shown();
+// Every remove_notification_data call, in order.
+std::vector<Removal> Removals();
+
+// Names of the service's functions in the order they were called.
+std::vector<std::string> Calls();
+// How often fn (e.g. "add_notification_data") was called since the last reset.
+int CallCount(const std::string &fn);
+
+// The next call of fn returns result and does nothing else. Queued results
+// are used up in order.
+void QueueResult(const std::string &fn, int result);
+
+// The viewer presses button index (0 = leftmost) of a shown notification, or
+// lets it time out. The callback runs on the service's delivery thread; these
+// return false, and deliver nothing, when there is no such notification or
+// button on screen or the service is not initialised.
+bool PressButton(int itemId, int buttonIndex);
+bool TimeOut(int itemId);
+// Blocks until every press and timeout queued so far has been delivered.
+void WaitDelivered();
+// Callbacks run so far (button presses and timeouts).
+int Delivered();
+
+// Where pop-ups are drawn: stdout by default; nullptr switches drawing off.
+// The environment variable TVHOST_DRAW=0 (or off) starts with it off,
+// TVHOST_DRAW=stderr draws to stderr, any other value is a file appended to.
+void DrawTo(std::FILE *stream);
+// Appends the drawings to a file; false when it cannot be opened.
+bool DrawToFile(const std::string &path);
+
+// The pop-up as the viewer sees it, as drawn.
+std::string Render(const Record &record);
+
+} // namespace notifications
+} // namespace tvhost
