@@ -1,0 +1,36 @@
+// Test control of the host settings store (vconf): one file per key under the
+// TV root, so every process on the host TV sees the same values.
+#pragma once
+
+#include <string>
+
+namespace tvhost {
+namespace settings {
+
+// Write a key as the platform would, and tell the key's subscribers.
+void SetInt(const std::string &key, int value);
+void SetString(const std::string &key, const std::string &value);
+
+// False when the key is missing or holds the other type.
+bool GetInt(const std::string &key, int &value);
+bool GetString(const std::string &key, std::string &value);
+
+// Removes the key's file; nobody is told.
+void Remove(const std::string &key);
+
+// The file that holds key.
+std::string KeyPath(const std::string &key);
+
+// The next call of function ("vconf_notify_key_changed", "vconf_get_int",
+// "vconf_get_str") returns result instead of doing its work; a non-zero
+// result makes vconf_get_str return NULL. Queued results are used in order.
+void QueueResult(const std::string &function, int result);
+
+// How many times the platform function was called since the last reset.
+int CallCount(const std::string &function);
+
+// How many callbacks are registered for key.
+int Subscribers(const std::string &key);
+
+} // namespace settings
+} // namespace tvhost

@@ -1,0 +1,265 @@
+// The settings store on the host: one file per key under the TV root. A write
+// made in this process is delivered to the key's subscribers at once.
+#include <vconf.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "host_files.h"
+#include "registry.h"
+#include "tvhost/settings.h"
+#include "vconf_store.h"
+
+struct _keynode_t {
+    std::string name;
+    int type;
+    int nValue;
+    std::string strValue;
+};
+
+namespace tvhost {
+namespace detail {
+namespace settings {
+namespace {
+
+const char kIntWord[] = "int";
+const char kStringWord[] = "string";
+
+struct Value {
+    int type = VCONF_TYPE_NONE;
+    int nValue = 0;
+    std::string strValue;
+};
+
+struct Subscription {
+    std::string key;
+    vconf_callback_fn cb;
+    void *pUserData;
+};
+
+std::mutex g_mutex;
+std::vector<Subscription> g_subscriptions;
+std::map<std::string, int> g_calls;
+std::map<std::string, std::deque<int>> g_queued;
+
+ResetHook g_reset([] {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_subscriptions.clear();
+    g_calls.clear();
+    g_queued.clear();
+});
+
+// Counts a call of a platform function; true with the queued result if one waits.
+bool CountCall(const char *function, int &result)
+{
+    std::lock_guard<std::mutex> lock(g_mutex);
+    ++g_calls[function];
+    auto it = g_queued.find(function);
+    if (it == g_queued.end() || it->second.empty())
+        return false;
+    result = it->second.front();
+    it->second.pop_front();
+    return true;
+}
+
+std::string FileOf(const std::string &key)
+{
+    return KeyDir() + "/" + EscapeName(key);
+}
+
+// File layout: a first line naming the type, then the value.
+bool ReadValue(const std::string &key, Value &value)
+{
+    std::string content;
+    if (!ReadFile(FileOf(key), content))
+        return false;
+    size_t eol = content.find('\n');
+    if (eol == std::string::npos)
+        return false;
+    std::string word = content.substr(0, eol);
+    std::string rest = content.substr(eol + 1);
+    if (word == kStringWord) {
+        value.type = VCONF_TYPE_STRING;
+        value.strValue = rest;
+        return true;
+    }
+    if (word == kIntWord) {
+        const char *begin = rest.c_str();
+        char *end = nullptr;
+        long n = std::strtol(begin, &end, 10);
+        if (end == begin)
+            return false;
+        while (*end == ' ' || *end == '\n' || *end == '\t' || *end == '\r')
+            ++end;
+        if (*end)
+            return false;
+        value.type = VCONF_TYPE_INT;
+        value.nValue = static_cast<int>(n);
+        return true;
+    }
+    return false;
+}
+
+void WriteValue(const std::string &key, const std::string &content)
+{
+    WriteFileAtomically(FileOf(key), content);
+    // Later a watcher of KeyDir() may deliver instead; until then every write
+    // of this process is delivered here, on the writer's thread.
+    DeliverKeyChange(key);
+}
+
+} // namespace
+
+std::string KeyDir()
+{
+    return StateDir("vconf");
+}
+
+void DeliverKeyChange(const std::string &key)
+{
+    Value value;
+    if (!ReadValue(key, value))
+        return;
+    _keynode_t node{key, value.type, value.nValue, value.strValue};
+    std::vector<Subscription> targets;
+    {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        for (const auto &s : g_subscriptions)
+            if (s.key == key)
+                targets.push_back(s);
+    }
+    for (const auto &s : targets)
+        s.cb(&node, s.pUserData);
+}
+
+} // namespace settings
+} // namespace detail
+
+namespace settings {
+
+using namespace tvhost::detail::settings;
+
+void SetInt(const std::string &key, int value)
+{
+    WriteValue(key, std::string(kIntWord) + "\n" + std::to_string(value) + "\n");
+}
+
+void SetString(const std::string &key, const std::string &value)
+{
+    WriteValue(key, std::string(kStringWord) + "\n" + value);
+}
+
+bool GetInt(const std::string &key, int &value)
+{
+    Value v;
+    if (!ReadValue(key, v) || v.type != VCONF_TYPE_INT)
+        return false;
+    value = v.nValue;
+    return true;
+}
+
+bool GetString(const std::string &key, std::string &value)
+{
+    Value v;
+    if (!ReadValue(key, v) || v.type != VCONF_TYPE_STRING)
+        return false;
+    value = v.strValue;
+    return true;
+}
+
+void Remove(const std::string &key)
+{
+    detail::RemoveFile(FileOf(key));
+}
+
+std::string KeyPath(const std::string &key)
+{
+    return FileOf(key);
+}
+
+void QueueResult(const std::string &function, int result)
+{
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_queued[function].push_back(result);
+}
+
+int CallCount(const std::string &function)
+{
+    std::lock_guard<std::mutex> lock(g_mutex);
+    auto it = g_calls.find(function);
+    return it == g_calls.end() ? 0 : it->second;
+}
+
+int Subscribers(const std::string &key)
+{
+    std::lock_guard<std::mutex> lock(g_mutex);
+    int n = 0;
+    for (const auto &s : g_subscriptions)
+        n += (s.key == key);
+    return n;
+}
+
+} // namespace settings
+} // namespace tvhost
+
+using namespace tvhost::detail::settings;
+
+extern "C" int vconf_notify_key_changed(const char *in_key, vconf_callback_fn cb, void *user_data)
+{
+    int result = VCONF_OK;
+    if (CountCall("vconf_notify_key_changed", result) && result != VCONF_OK)
+        return result;
+    if (!in_key || !cb)
+        return VCONF_ERROR;
+    std::lock_guard<std::mutex> lock(g_mutex);
+    for (const auto &s : g_subscriptions)
+        if (s.key == in_key && s.cb == cb && s.pUserData == user_data)
+            return VCONF_OK;
+    g_subscriptions.push_back({in_key, cb, user_data});
+    return VCONF_OK;
+}
+
+extern "C" int vconf_get_int(const char *in_key, int *intval)
+{
+    int result = VCONF_OK;
+    if (CountCall("vconf_get_int", result) && result != VCONF_OK)
+        return result;
+    if (!in_key || !intval)
+        return VCONF_ERROR;
+    return tvhost::settings::GetInt(in_key, *intval) ? VCONF_OK : VCONF_ERROR;
+}
+
+extern "C" char *vconf_get_str(const char *in_key)
+{
+    int result = VCONF_OK;
+    if (CountCall("vconf_get_str", result) && result != VCONF_OK)
+        return nullptr;
+    std::string value;
+    if (!in_key || !tvhost::settings::GetString(in_key, value))
+        return nullptr;
+    return strdup(value.c_str());
+}
+
+extern "C" char *vconf_keynode_get_name(keynode_t *keynode)
+{
+    return keynode ? keynode->name.data() : nullptr;
+}
+
+extern "C" int vconf_keynode_get_type(keynode_t *keynode)
+{
+    return keynode ? keynode->type : -1;
+}
+
+extern "C" int vconf_keynode_get_int(const keynode_t *keynode)
+{
+    return keynode && keynode->type == VCONF_TYPE_INT ? keynode->nValue : 0;
+}
+
+extern "C" char *vconf_keynode_get_str(const keynode_t *keynode)
+{
+    return keynode && keynode->type == VCONF_TYPE_STRING ? const_cast<char *>(keynode->strValue.c_str()) : nullptr;
+}
