@@ -443,6 +443,8 @@ TEST(CCommandResult, SubCommandListReadsNameCountValuesGroups)
         {"a|-1|b|0", true, {"a/-1/", "b/0/"}, nullptr},
         {"a|2x|p|q|r|0", true, {"a/2/p,q,", "r/0/"}, nullptr},
         {"a|x|b|0", true, {"a/0/", "b/0/"}, nullptr},
+        {"a|4294967296|v", true, {"a/2147483647/v,"}, nullptr},
+        {"a|-4294967296|v", false, {"a/-2147483648/"}, "[CCommandResult]nState=1"},
         {"a", false, {}, "[CCommandResult]nState=1"},
         {"a|0|b", false, {"a/0/"}, "[CCommandResult]nState=1"},
         {"a|-1|b", false, {"a/-1/"}, "[CCommandResult]nState=1"},

@@ -1,5 +1,6 @@
 #include "LumoraParameter.h"
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -77,6 +78,19 @@ private:
 };
 
 const char *const kAirConditioner = "Air Conditioner";
+
+// strtol saturates at the range of long; with a 32-bit long (as on the TV) that
+// is the range of int, so clamp here too and an overlong count keeps its sign
+// instead of wrapping (4294967296 would otherwise read as 0).
+int ReadCount(const std::string &field)
+{
+    long n = std::strtol(field.c_str(), nullptr, 10);
+    if (n > INT_MAX)
+        return INT_MAX;
+    if (n < INT_MIN)
+        return INT_MIN;
+    return static_cast<int>(n);
+}
 
 } // namespace
 
@@ -480,7 +494,7 @@ bool CCommandResult::m_ParseSubCommandList(std::string &text)
             nState = 1;  // a name with no count behind it
             break;
         }
-        item.nCount = static_cast<int>(std::strtol(fields[i + 1].c_str(), nullptr, 10));
+        item.nCount = ReadCount(fields[i + 1]);
         i += 2;
         if (item.nCount != 0) {
             if (i >= n) {
