@@ -1,75 +1,104 @@
-// The simulated appliance engine. It exports the engine's five entry points and
-// raises its events on threads of its own, never on the caller's.
+// The simulated appliance engine: the engine's five entry points and the
+// simulator's own test entry points, exported as plain C functions.
 #include "qorv_sim.h"
 
-#include <map>
-#include <mutex>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <string>
-#include <thread>
+
+#include "engine.h"
+#include "qorv_sim_client.h"
+#include "trace.h"
 
 #define QORV_EXPORT extern "C" __attribute__((visibility("default")))
 
-typedef int (*QorvEventCallback)(int nEvent, const char *pParam1, const char *pParam2);
+using qorvsim::Trace;
 
 namespace {
 
-struct Engine {
-    std::mutex mutex;
-    bool bStarted = false;
-    QorvEventCallback pfnCallback = nullptr;
-    std::map<std::string, int> calls;
-    std::string strLastCommand;
-    std::string strLanguage;
-};
+// A static object rather than __attribute__((destructor)): at dlclose both
+// run, but at process exit a destructor function runs only after the exit
+// handlers, when the service's own objects may already be gone and the
+// engine thread could still be calling into them. This object is destroyed
+// with the other exit handlers, before anything created earlier.
+qorvsim::Engine g_engine;
 
-Engine &TheEngine()
+// Only texts with static storage are handed out: a result must stay valid
+// after the call, and a thread_local std::string would pin the library in
+// memory (glibc keeps a library loaded while threads hold its TLS destructors).
+const char kOK[] = "OK";
+const char kNoLanguage[] = "ERROR no language";
+const char kUnknownCommand[] = "ERROR unknown command";
+
+thread_local char t_szLastCommand[512];
+
+#ifdef QORV_SIM_START_FAILS
+constexpr bool kStartFails = true;
+#else
+constexpr bool kStartFails = false;
+#endif
+
+std::string ModePath()
 {
-    static Engine engine;
-    return engine;
+    const char *pPath = getenv("QORV_SIM_MODE");
+    if (pPath && *pPath)
+        return pPath;
+    return LUMORA_TV_ROOT "/opt/usr/apps/org.kelvar.lumora/data/mode.xml";
 }
 
-void Count(const char *pEntry)
+// QORV_SIM_SPEED=10 plays a scenario ten times as fast (tests, a quick look).
+double Speed()
 {
-    Engine &e = TheEngine();
-    std::lock_guard<std::mutex> lock(e.mutex);
-    ++e.calls[pEntry];
+    const char *pSpeed = getenv("QORV_SIM_SPEED");
+    if (!pSpeed || !*pSpeed)
+        return 1.0;
+    char *pEnd = nullptr;
+    double dSpeed = strtod(pSpeed, &pEnd);
+    if (*pEnd != '\0' || !(dSpeed > 0.0) || dSpeed > 1e6) {
+        Trace("QORV_SIM_SPEED=\"%s\" is not a factor above 0; normal speed", pSpeed);
+        return 1.0;
+    }
+    return dSpeed;
 }
 
-// The result text of qorv_excute stays valid until the next call on the same thread.
-thread_local std::string t_strResult;
+bool Quiet()
+{
+    const char *pQuiet = getenv("QORV_SIM_QUIET");
+    return pQuiet && *pQuiet && strcmp(pQuiet, "0") != 0;
+}
 
 } // namespace
 
 QORV_EXPORT int qorv_start()
 {
-    Count("qorv_start");
-#ifdef QORV_SIM_START_FAILS
-    return 0;
-#else
-    Engine &e = TheEngine();
-    std::lock_guard<std::mutex> lock(e.mutex);
-    e.bStarted = true;
-    return 1;
-#endif
+    g_engine.Count("qorv_start");
+    qorvsim::SetQuiet(Quiet());
+    if (kStartFails) {
+        Trace("start refused (this engine is built to fail its start)");
+        return 0;
+    }
+    qorvsim::StartOptions options;
+    options.strModePath = ModePath();
+    options.strSocketPath = qorvsim::DefaultSocketPath();
+    options.dSpeed = Speed();
+    return g_engine.Start(options) ? 1 : 0;
 }
 
 #ifndef QORV_SIM_NO_STOP
 QORV_EXPORT int qorv_stop()
 {
-    Count("qorv_stop");
-    Engine &e = TheEngine();
-    std::lock_guard<std::mutex> lock(e.mutex);
-    e.bStarted = false;
+    g_engine.Count("qorv_stop");
+    g_engine.Stop();
     return 1;
 }
 #endif
 
-QORV_EXPORT int qorv_register_callback(QorvEventCallback pfnCallback)
+QORV_EXPORT int qorv_register_callback(qorvsim::EventCallback pfnCallback)
 {
-    Count("qorv_register_callback");
-    Engine &e = TheEngine();
-    std::lock_guard<std::mutex> lock(e.mutex);
-    e.pfnCallback = pfnCallback;
+    g_engine.Count("qorv_register_callback");
+    g_engine.SetCallback(pfnCallback);
+    Trace(pfnCallback ? "callback registered" : "callback removed");
     return pfnCallback != nullptr;
 }
 
@@ -79,74 +108,55 @@ QORV_EXPORT const char *qorv_excute(const char *pCommand, const char *pParam1, c
     (void)pParam2;
     (void)pParam3;
     (void)pParam4;
-    Count("qorv_excute");
-    Engine &e = TheEngine();
+    g_engine.Count("qorv_excute");
     std::string strCommand = pCommand ? pCommand : "";
     std::string strArg = pParam1 ? pParam1 : "";
-    {
-        std::lock_guard<std::mutex> lock(e.mutex);
-        e.strLastCommand = strCommand + " " + strArg;
-        if (strCommand == "SetLanguage" || strCommand == "SetSystemLanguage")
-            e.strLanguage = strArg;
+    g_engine.SetLastCommand(strCommand + " " + strArg);
+
+    const char *pResult = kUnknownCommand;
+    if (strCommand == "SetLanguage" || strCommand == "SetSystemLanguage") {
+        if (strArg.empty()) {
+            pResult = kNoLanguage;
+        } else {
+            g_engine.SetLanguage(strArg);
+            pResult = kOK;
+        }
     }
+    Trace("command %s \"%s\" -> %s", strCommand.c_str(), strArg.c_str(), pResult);
 #ifdef QORV_SIM_EXECUTE_NULL
     return nullptr;
 #else
-    if (strCommand == "SetLanguage" || strCommand == "SetSystemLanguage")
-        t_strResult = "OK";
-    else
-        t_strResult = "ERROR unknown command " + strCommand;
-    return t_strResult.c_str();
+    return pResult;
 #endif
 }
 
 QORV_EXPORT int qorv_refresh()
 {
-    Count("qorv_refresh");
+    g_engine.Count("qorv_refresh");
+    if (!g_engine.RequestRefresh()) {
+        Trace("refresh refused: not started");
+        return 0;
+    }
     return 1;
 }
 
 QORV_EXPORT int qorv_sim_emit(int nEvent, const char *pParam1, const char *pParam2)
 {
-    QorvEventCallback pfn;
-    {
-        Engine &e = TheEngine();
-        std::lock_guard<std::mutex> lock(e.mutex);
-        pfn = e.pfnCallback;
-    }
-    if (pfn == nullptr)
-        return -2;
-#ifdef QORV_SIM_NULL_TEXT
-    pParam1 = nullptr;
-#endif
-    int nResult = 0;
-    std::thread engineThread([&] { nResult = pfn(nEvent, pParam1, pParam2); });
-    engineThread.join();
-    return nResult;
+    return g_engine.Emit(nEvent, pParam1, pParam2);
 }
 
 QORV_EXPORT int qorv_sim_calls(const char *pEntry)
 {
-    Engine &e = TheEngine();
-    std::lock_guard<std::mutex> lock(e.mutex);
-    auto it = e.calls.find(pEntry ? pEntry : "");
-    return it == e.calls.end() ? 0 : it->second;
+    return g_engine.Calls(pEntry);
 }
 
 QORV_EXPORT const char *qorv_sim_last_command(void)
 {
-    Engine &e = TheEngine();
-    std::lock_guard<std::mutex> lock(e.mutex);
-    t_strResult = e.strLastCommand;
-    return t_strResult.c_str();
+    snprintf(t_szLastCommand, sizeof t_szLastCommand, "%s", g_engine.LastCommand().c_str());
+    return t_szLastCommand;
 }
 
 QORV_EXPORT void qorv_sim_reset(void)
 {
-    Engine &e = TheEngine();
-    std::lock_guard<std::mutex> lock(e.mutex);
-    e.calls.clear();
-    e.strLastCommand.clear();
-    e.pfnCallback = nullptr;
-    e.bStarted = false;
+    g_engine.Reset();
 }
