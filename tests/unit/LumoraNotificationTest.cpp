@@ -4,12 +4,10 @@
 
 #include <algorithm>
 #include <chrono>
-#include <array>
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <optional>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -26,7 +24,6 @@ public:
     explicit LumoraNotificationTestPeer(LumoraNotification &n) : n(n) {}
     TNotiActionItem *Get(int nItemId) { return n.m_GetNotification(nItemId); }
     size_t Entries() const { return n.m_mapNotiItem.size(); }
-    int NextId() const { return n.m_nItemId; }
     int AddUnknown(CNewDeviceList *pList) { return n.m_AddUnknownDeviceFound(pList); }
     void Press(int nItemId, int nIndex, void *pUserData)
     {
@@ -40,16 +37,13 @@ namespace {
 namespace noti = tvhost::notifications;
 namespace apps = tvhost::apps;
 
-const char kApp[] = "org.kelvar.lumora";
 const char kWidget[] = "PzKmRvTqXa.Lumora";
+const char kNewDevices[] = "<list><NewDevice id=\"a\"><Type>Washer</Type></NewDevice>"
+                           "<NewDevice id=\"b\"><Type>Air Conditioner</Type></NewDevice></list>";
+using Extra = std::vector<std::pair<std::string, std::string>>;
 
-std::string Icon(const char *name)
-{
-    return tvhost::Root() + "/usr/share/COMMONRESOURCE/IMAGE/ICON/ICON_BLACK/SMALL/" + name;
-}
-
-CDeviceNotification Device(const std::string &id, const std::string &name, const std::string &text,
-                           bool bFlag, const std::string &condition)
+CDeviceNotification Device(const std::string &id, const std::string &condition, bool bFlag = true,
+                           const std::string &name = "Washer", const std::string &text = "Done")
 {
     CDeviceNotification n;
     n.m_Data.strID = id;
@@ -60,24 +54,38 @@ CDeviceNotification Device(const std::string &id, const std::string &name, const
     return n;
 }
 
-const char kTwoNewDevices[] = "<list><NewDevice id=\"a\"><Type>Washer</Type></NewDevice>"
-                              "<NewDevice id=\"b\"><Type>Air Conditioner</Type></NewDevice></list>";
-
-// Labels of a record's buttons, null slots as "-".
-std::vector<std::string> Labels(const noti::Record &r)
+std::string Text(const std::optional<std::string> &s)
 {
-    std::vector<std::string> out;
-    for (const auto &l : r.buttonLabel)
-        out.push_back(l.value_or("-"));
-    return out;
+    return s ? "\"" + *s + "\"" : "null";
 }
 
-std::vector<std::string> Icons(const noti::Record &r)
+// Every field of a posted record on one line; icons by base name once their
+// directory under the TV root has been checked.
+std::string Words(const noti::Record &r)
 {
-    std::vector<std::string> out;
-    for (const auto &l : r.buttonIcon)
-        out.push_back(l.value_or("-"));
-    return out;
+    std::ostringstream out;
+    out << r.version << ' ' << r.popup << ' ' << r.style << ' ' << Text(r.appId) << " #" << r.itemId;
+    for (int w : r.reserved1)
+        out << ' ' << w;
+    out << ' ' << Text(r.title) << ' ' << Text(r.body) << ' ' << Text(r.subText);
+    for (int w : r.reserved2)
+        out << ' ' << w;
+    out << " n=" << r.buttonCount << ' ' << r.needAnswer;
+    const std::string dir = tvhost::Root() + "/usr/share/COMMONRESOURCE/IMAGE/ICON/ICON_BLACK/SMALL/";
+    for (int i = 0; i < 3; ++i) {
+        std::string icon = r.buttonIcon[i].value_or("-");
+        if (icon.compare(0, dir.size(), dir) == 0)
+            icon.erase(0, dir.size());
+        out << " [" << r.buttonLabel[i].value_or("-") << ' ' << icon << ']';
+    }
+    return out.str();
+}
+
+// A stored action item as "type #id 'device'".
+std::string Item(LumoraNotificationTestPeer &peer, int nItemId)
+{
+    const TNotiActionItem *p = peer.Get(nItemId);
+    return p ? std::to_string(p->nType) + " #" + std::to_string(p->nItemId) + " '" + p->strDeviceID + "'" : "null";
 }
 
 class LumoraNotificationTest : public ::testing::Test {
@@ -98,152 +106,84 @@ protected:
     LogCapture log;
 };
 
-TEST_F(LumoraNotificationTest, DeviceNotificationButtonsFollowTheWidgetAndTheCondition)
+TEST_F(LumoraNotificationTest, LayoutFollowsTheWidgetAndTheConditionAndOnlyShownOnesTakeAnId)
 {
     LumoraNotification presenter;
     LumoraNotificationTestPeer peer(presenter);
 
-    // Display flag off: nothing is asked, shown or stored.
-    auto hidden = Device("d0", "Oven", "Preheated", false, "Always");
-    EXPECT_EQ(presenter.Add(5, &hidden), 0);
-    EXPECT_EQ(apps::CallCount("was_get_app_info"), 0);
-    EXPECT_TRUE(log.Has("LumoraNotification::Add, nEvent=5"));
-    EXPECT_TRUE(log.Has("LumoraNotification::m_AddDeviceNotification"));
+    auto off = Device("d0", "Always", false);
+    EXPECT_EQ(presenter.Add(5, &off), 0);
+    EXPECT_EQ(apps::CallCount("was_get_app_info"), 0) << "a hidden notification asks nothing";
 
     struct Case {
         bool bInstalled, bRunning;
         const char *condition;
-        std::vector<std::string> labels, icons;
-        int nType;
+        int nResult;
+        const char *words;  // the record, then the stored item; empty: not posted
     };
-    const std::string close = Icon("i_close_cancel.png"), go = Icon("i_go.png"), allow = Icon("i_allow.png");
     const Case cases[] = {
-        {false, false, "NoneWidget", {"SID_CLOSE", "TV_SID_GO_TO_LUMORA", "-"}, {close, go, "-"}, 1},
-        {true, false, "NoneWidget", {"SID_CLOSE", "TV_SID_GO_TO_LUMORA", "-"}, {close, go, "-"}, 1},
-        {true, true, "Always", {"SID_OK", "-", "-"}, {allow, "-", "-"}, 0},
-        {true, true, "always", {"-", "-", "-"}, {"-", "-", "-"}, 0},
-        {true, true, "", {"-", "-", "-"}, {"-", "-", "-"}, 0},
+        {false, false, "NoneWidget", 1,
+         "1 1 1 \"org.kelvar.lumora\" #1 0 0 0 \"Washer\" \"Done\" \"\" 0 0 0 n=2 0 "
+         "[SID_CLOSE i_close_cancel.png] [TV_SID_GO_TO_LUMORA i_go.png] [- -] -> 1 #1 'dev-1'"},
+        {true, false, "Other", 1,
+         "1 1 1 \"org.kelvar.lumora\" #2 0 0 0 \"Washer\" \"Done\" \"\" 0 0 0 n=2 0 "
+         "[SID_CLOSE i_close_cancel.png] [TV_SID_GO_TO_LUMORA i_go.png] [- -] -> 1 #2 'dev-2'"},
+        {true, true, "NoneWidget", 0, ""},
+        {true, true, "Always", 1,
+         "1 1 1 \"org.kelvar.lumora\" #3 0 0 0 \"Washer\" \"Done\" \"\" 0 0 0 n=1 0 [SID_OK i_allow.png] [- -] [- -]"
+         " -> 0 #3 'dev-3'"},
+        {true, true, "always", 1,
+         "1 1 1 \"org.kelvar.lumora\" #4 0 0 0 \"Washer\" \"Done\" \"\" 0 0 0 n=0 0 [- -] [- -] [- -] -> 0 #4 'dev-4'"},
     };
-    int nExpectedId = 1;
     for (const Case &c : cases) {
-        SCOPED_TRACE(std::string(c.condition) + (c.bInstalled ? " installed" : "") + (c.bRunning ? " running" : ""));
+        SCOPED_TRACE(c.condition);
         WidgetIs(c.bInstalled, c.bRunning);
         log.Clear();
-        const std::string strDevice = "dev" + std::to_string(nExpectedId);
-        auto n = Device(strDevice, "Washer", "Done", true, c.condition);
-        EXPECT_EQ(presenter.Add(5, &n), 1);
-        EXPECT_TRUE(log.Has("LumoraNotification::m_AddDeviceNotification show the notification"));
-
+        const size_t nBefore = noti::Posted().size();
+        auto n = Device("dev-" + std::to_string(nBefore + 1), c.condition);
+        EXPECT_EQ(presenter.Add(5, &n), c.nResult);
+        EXPECT_EQ(log.Has("LumoraNotification::m_AddDeviceNotification this is notification is no need to show"),
+                  c.nResult == 0);
+        EXPECT_EQ(log.Has("LumoraNotification::m_AddDeviceNotification show the notification"), c.nResult == 1);
         auto posted = noti::Posted();
-        ASSERT_EQ(posted.size(), static_cast<size_t>(nExpectedId));
-        const noti::Record &r = posted.back();
-        EXPECT_EQ(r.itemId, nExpectedId);
-        EXPECT_EQ(r.title, "Washer");
-        EXPECT_EQ(r.body, "Done");
-        EXPECT_EQ(r.buttonCount, static_cast<int>(std::count_if(c.labels.begin(), c.labels.end(),
-                                                                 [](const std::string &l) { return l != "-"; })));
-        EXPECT_EQ(Labels(r), c.labels);
-        EXPECT_EQ(Icons(r), c.icons);
-
-        TNotiActionItem *pItem = peer.Get(nExpectedId);
-        ASSERT_NE(pItem, nullptr);
-        EXPECT_EQ(pItem->nType, c.nType);
-        EXPECT_EQ(pItem->nItemId, nExpectedId);
-        EXPECT_EQ(pItem->strDeviceID, strDevice);
-        ++nExpectedId;
+        ASSERT_EQ(posted.size(), nBefore + c.nResult);
+        if (c.nResult == 0)
+            continue;
+        EXPECT_EQ(Words(posted.back()) + " -> " + Item(peer, posted.back().itemId), c.words);
     }
 
-    // Running widget and "NoneWidget": not shown, no id taken.
-    WidgetIs(true, true);
-    log.Clear();
-    auto none = Device("dx", "Washer", "Done", true, "NoneWidget");
-    EXPECT_EQ(presenter.Add(5, &none), 0);
-    EXPECT_TRUE(log.Has("LumoraNotification::m_AddDeviceNotification this is notification is no need to show"));
-    EXPECT_FALSE(log.Has("LumoraNotification::m_AddDeviceNotification show the notification"));
-
-    // Unknown events are ignored without a look at the parameter.
-    log.Clear();
-    EXPECT_EQ(presenter.Add(0, nullptr), 0);
-    EXPECT_EQ(presenter.Add(12291, nullptr), 0);
-    EXPECT_EQ(log.Messages(), (std::vector<std::string>{
-                                  "LumoraNotification::Add, nEvent=0", "[CNotiAction]-Unreachable code, nEvent=0",
-                                  "LumoraNotification::Add, nEvent=12291",
-                                  "[CNotiAction]-Unreachable code, nEvent=12291"}));
-
-    EXPECT_EQ(noti::CallCount("add_notification_data"), nExpectedId - 1);
-    EXPECT_EQ(peer.NextId(), nExpectedId);
-    EXPECT_EQ(peer.Entries(), static_cast<size_t>(nExpectedId - 1));
-    for (const auto &m : log.Messages())
-        EXPECT_EQ(log.PriorityOf(m), 3) << m;  // platform debug
-}
-
-TEST_F(LumoraNotificationTest, PostedRecordHoldsExactlyTheWordsTheServiceReads)
-{
-    LumoraNotification presenter;
-    WidgetIs(true, false);
-    auto n = Device("d1", "Laundry", "Cycle finished", true, "Always");
-    presenter.Add(5, &n);
+    // New and unknown devices: the body is the summary followed directly by a
+    // message; ids go on across kinds.
     CNewDeviceList list;
-    ASSERT_TRUE(list.Parse(kTwoNewDevices, ""));
-    EXPECT_EQ(presenter.Add(1, &list), 1);
-
-    auto posted = noti::Posted();
-    ASSERT_EQ(posted.size(), 2u);
-    const noti::Record &dev = posted[0];
-    EXPECT_EQ(dev.version, 1);
-    EXPECT_EQ(dev.popup, 1);
-    EXPECT_EQ(dev.style, 1);
-    EXPECT_EQ(dev.appId, kApp);
-    EXPECT_EQ(dev.itemId, 1);
-    EXPECT_EQ(dev.subText, std::optional<std::string>(""));
-    EXPECT_EQ(dev.buttonCount, 2);
-    EXPECT_EQ(dev.needAnswer, 0);
-
-    const noti::Record &found = posted[1];
-    EXPECT_EQ(found.version, 1);
-    EXPECT_EQ(found.popup, 1);
-    EXPECT_EQ(found.style, 2);
-    EXPECT_EQ(found.appId, kApp);
-    EXPECT_EQ(found.itemId, 2);
-    EXPECT_EQ(found.title, "TV_NEW_HOME_APPLIANCE_DETECTED");
-    EXPECT_EQ(found.body, "Air Conditioner 1, Washer 1TV_NEW_HOME_APPLIANCE_DETECTED");
-    EXPECT_EQ(found.subText, std::optional<std::string>(""));
-    EXPECT_EQ(found.buttonCount, 2);
-    EXPECT_EQ(found.needAnswer, 1);
-    EXPECT_EQ(Labels(found), (std::vector<std::string>{"SID_YES", "SID_NO", "-"}));
-    EXPECT_EQ(Icons(found), (std::vector<std::string>{Icon("i_allow.png"), Icon("i_deny.png"), "-"}));
-
-    for (const noti::Record *r : {&dev, &found}) {
-        EXPECT_EQ(r->reserved1, (std::array<int, 3>{0, 0, 0}));
-        EXPECT_EQ(r->reserved2, (std::array<int, 3>{0, 0, 0}));
-    }
-
-    // The unknown-device variant differs only in the end of its body.
-    LumoraNotificationTestPeer peer(presenter);
+    ASSERT_TRUE(list.Parse(kNewDevices, ""));
     log.Clear();
+    EXPECT_EQ(presenter.Add(1, &list), 1);
     EXPECT_EQ(peer.AddUnknown(&list), 1);
-    EXPECT_EQ(log.Messages(), std::vector<std::string>{"LumoraNotification::m_AddUnknownDeviceFound"});
-    const noti::Record unknown = noti::Posted().back();
-    EXPECT_EQ(unknown.itemId, 3);
-    EXPECT_EQ(unknown.title, "TV_NEW_HOME_APPLIANCE_DETECTED");
-    EXPECT_EQ(unknown.body, "Air Conditioner 1, Washer 1TV_NEED_REGISTER_APPLIANCE_MSG");
-    EXPECT_EQ(Labels(unknown), Labels(found));
-    EXPECT_EQ(unknown.style, 2);
-    EXPECT_EQ(unknown.needAnswer, 1);
-    ASSERT_NE(peer.Get(3), nullptr);
-    EXPECT_EQ(peer.Get(3)->nType, 1);
-    EXPECT_EQ(peer.Get(3)->strDeviceID, "");
+    auto posted = noti::Posted();
+    const std::string tail = " \"\" 0 0 0 n=2 1 [SID_YES i_allow.png] [SID_NO i_deny.png] [- -] -> 1 #";
+    EXPECT_EQ(Words(posted[4]) + " -> " + Item(peer, 5),
+              "1 1 2 \"org.kelvar.lumora\" #5 0 0 0 \"TV_NEW_HOME_APPLIANCE_DETECTED\" "
+              "\"Air Conditioner 1, Washer 1TV_NEW_HOME_APPLIANCE_DETECTED\"" + tail + "5 ''");
+    EXPECT_EQ(Words(posted[5]) + " -> " + Item(peer, 6),
+              "1 1 2 \"org.kelvar.lumora\" #6 0 0 0 \"TV_NEW_HOME_APPLIANCE_DETECTED\" "
+              "\"Air Conditioner 1, Washer 1TV_NEED_REGISTER_APPLIANCE_MSG\"" + tail + "6 ''");
+
+    log.Clear();
+    EXPECT_EQ(presenter.Add(12291, nullptr), 0);
+    EXPECT_EQ(log.Messages(), (std::vector<std::string>{"LumoraNotification::Add, nEvent=12291",
+                                                         "[CNotiAction]-Unreachable code, nEvent=12291"}));
+    EXPECT_EQ(log.PriorityOf("[CNotiAction]-Unreachable code, nEvent=12291"), 3);  // platform debug
+    EXPECT_EQ(peer.Entries(), 6u);
 }
 
-TEST_F(LumoraNotificationTest, PressOnTheSecondButtonLaunchesTheWidgetForTheDevice)
+TEST_F(LumoraNotificationTest, OnlyTheSecondButtonOfALaunchItemLaunchesTheWidget)
 {
     LumoraNotification presenter;
     LumoraNotificationTestPeer peer(presenter);
     WidgetIs(true, false);
-    auto n = Device("washer-7", "Washer", "Done", true, "Always");
+    auto n = Device("washer-7", "Always");
     ASSERT_EQ(presenter.Add(5, &n), 1);
 
-    // The first button (close) does nothing.
     log.Clear();
     ASSERT_TRUE(noti::PressButton(1, 0));
     noti::WaitDelivered();
@@ -251,59 +191,45 @@ TEST_F(LumoraNotificationTest, PressOnTheSecondButtonLaunchesTheWidgetForTheDevi
     EXPECT_EQ(log.Messages(), (std::vector<std::string>{"m_OnNotificationButtonCallback: nItemId = 1, nButtonIdex = ",
                                                          "m_OnNotificationButtonCallback: pNotiItem->nType = 1"}));
 
-    ASSERT_TRUE(noti::PressButton(1, 1));
+    // Pressed twice: two launches; the item and the pop-up stay.
+    for (int i = 0; i < 2; ++i)
+        ASSERT_TRUE(noti::PressButton(1, 1));
     noti::WaitDelivered();
     auto launches = apps::Launches();
-    ASSERT_EQ(launches.size(), 1u);
+    ASSERT_EQ(launches.size(), 2u);
     EXPECT_EQ(launches[0].appId, kWidget);
-    EXPECT_EQ(launches[0].extraData,
-              (std::vector<std::pair<std::string, std::string>>{{"deviceID", "washer-7"}}));
-    EXPECT_TRUE(log.Has("=== Succeeded to launch a WebApp ====="));
-
-    // The item stays: a second press launches again, the notification stays up.
-    ASSERT_TRUE(noti::PressButton(1, 1));
-    noti::WaitDelivered();
-    EXPECT_EQ(apps::Launches().size(), 2u);
+    EXPECT_EQ(launches[0].extraData, (Extra{{"deviceID", "washer-7"}}));
     EXPECT_TRUE(noti::Removals().empty());
-    EXPECT_EQ(peer.Entries(), 1u);
 
-    // Now the widget runs: "Always" gives one OK button that does nothing,
-    // and a type-0 item ignores index 1 too.
-    auto ok = Device("washer-8", "Washer", "Again", true, "Always");
+    // The widget now runs: a type-0 item ignores both indexes.
+    auto ok = Device("washer-8", "Always");
     ASSERT_EQ(presenter.Add(5, &ok), 1);
-    ASSERT_EQ(noti::Posted().back().buttonCount, 1);
     ASSERT_TRUE(noti::PressButton(2, 0));
     noti::WaitDelivered();
     peer.Press(2, 1, &presenter);
-    EXPECT_EQ(apps::Launches().size(), 2u);
     EXPECT_EQ(log.Count("m_OnNotificationButtonCallback: pNotiItem->nType = 0"), 2);
 
-    // New devices: the second button launches without a device.
     CNewDeviceList list;
-    ASSERT_TRUE(list.Parse(kTwoNewDevices, ""));
+    ASSERT_TRUE(list.Parse(kNewDevices, ""));
     ASSERT_EQ(presenter.Add(1, &list), 1);
     ASSERT_TRUE(noti::PressButton(3, 1));
     noti::WaitDelivered();
     launches = apps::Launches();
     ASSERT_EQ(launches.size(), 3u);
-    EXPECT_EQ(launches[2].extraData, (std::vector<std::pair<std::string, std::string>>{{"deviceID", ""}}));
+    EXPECT_EQ(launches[2].extraData, (Extra{{"deviceID", ""}}));
 
-    // Without user data the callback stops at once.
     log.Clear();
     peer.Press(1, 1, nullptr);
-    EXPECT_EQ(log.Messages(), (std::vector<std::string>{"m_OnNotificationButtonCallback: nItemId = 1, nButtonIdex = ",
-                                                         "m_OnNotificationButtonCallback: error the userdata is NULL"}));
-    EXPECT_EQ(apps::Launches().size(), 3u);
-
-    // A timeout is only logged; the item stays.
-    log.Clear();
     ASSERT_TRUE(noti::TimeOut(3));
     noti::WaitDelivered();
-    EXPECT_EQ(log.Messages(), std::vector<std::string>{"m_OnNotificationTimeoutCallback: nItemId = 3"});
+    EXPECT_EQ(log.Messages(), (std::vector<std::string>{"m_OnNotificationButtonCallback: nItemId = 1, nButtonIdex = ",
+                                                         "m_OnNotificationButtonCallback: error the userdata is NULL",
+                                                         "m_OnNotificationTimeoutCallback: nItemId = 3"}));
+    EXPECT_EQ(apps::Launches().size(), 3u);
     EXPECT_EQ(peer.Entries(), 3u);
 }
 
-TEST_F(LumoraNotificationTest, LifecycleInitialisesAndClearsEveryPostedIdInOrder)
+TEST_F(LumoraNotificationTest, ServiceIsOpenedFirstAndEveryIdRemovedInOrderAtTheEnd)
 {
     {
         LumoraNotification presenter;
@@ -312,56 +238,40 @@ TEST_F(LumoraNotificationTest, LifecycleInitialisesAndClearsEveryPostedIdInOrder
                                                             "register_notification_timeout_callback"}));
         EXPECT_EQ(log.Messages(), (std::vector<std::string>{"InitNotificationDataManager Begin",
                                                              "InitNotificationDataManager End"}));
-        // The service's failures change nothing.
-        noti::QueueResult("add_notification_data", -1);
-        auto a = Device("a", "A", "a", true, "");
-        auto b = Device("b", "B", "b", true, "");
+        noti::QueueResult("add_notification_data", -1);  // looked at by nobody
         CNewDeviceList list;
-        ASSERT_TRUE(list.Parse(kTwoNewDevices, ""));
+        ASSERT_TRUE(list.Parse(kNewDevices, ""));
+        auto a = Device("a", ""), b = Device("b", "");
         EXPECT_EQ(presenter.Add(5, &a), 1);
         EXPECT_EQ(presenter.Add(1, &list), 1);
         EXPECT_EQ(presenter.Add(5, &b), 1);
 
-        // An id the presenter never posted: find-or-insert leaves a null entry.
+        // An id never posted: find-or-insert leaves a null entry behind.
         LumoraNotificationTestPeer peer(presenter);
         EXPECT_EQ(peer.Get(99), nullptr);
         EXPECT_EQ(peer.Entries(), 4u);
-        EXPECT_EQ(peer.NextId(), 4);
-        // Only what is on screen can be pressed.
-        EXPECT_FALSE(noti::PressButton(99, 1));
-        EXPECT_FALSE(noti::PressButton(1, 0)) << "its post failed";
+        EXPECT_FALSE(noti::PressButton(99, 1)) << "the service reports only what it shows";
     }
-    std::vector<std::pair<std::string, int>> removed;
+    std::vector<std::string> removed;
     for (const auto &r : noti::Removals())
-        removed.emplace_back(r.appId, r.itemId);
-    EXPECT_EQ(removed, (std::vector<std::pair<std::string, int>>{{kApp, 1}, {kApp, 2}, {kApp, 3}}));
-    auto calls = noti::Calls();
-    ASSERT_GE(calls.size(), 4u);
-    EXPECT_EQ(std::vector<std::string>(calls.end() - 4, calls.end()),
-              (std::vector<std::string>{"remove_notification_data", "remove_notification_data",
-                                        "remove_notification_data", "close_notification_data_manager"}));
+        removed.push_back(r.appId + "#" + std::to_string(r.itemId));
+    EXPECT_EQ(removed, (std::vector<std::string>{"org.kelvar.lumora#1", "org.kelvar.lumora#2", "org.kelvar.lumora#3"}));
+    EXPECT_EQ(noti::Calls().back(), "close_notification_data_manager");
     EXPECT_TRUE(noti::Shown().empty());
-
-    // Ids are per presenter and start at 1 again only in a new one.
-    LumoraNotification again;
-    auto c = Device("c", "C", "c", true, "");
-    again.Add(5, &c);
-    EXPECT_EQ(noti::Posted().back().itemId, 1);
 }
 
 TEST_F(LumoraNotificationTest, PressesOnTheServiceThreadWhilePostingFromTwoThreads)
 {
     constexpr int kPerThread = 40;
     WidgetIs(true, false);
-    // Keep the widget "not running" whatever the launches do, so that every
-    // device notification carries the launch button.
+    // The widget keeps answering "not running", so every item has the launch button.
     apps::QueueAppStatusResult(0, 0, 100000);
     LumoraNotification presenter;
     LumoraNotificationTestPeer peer(presenter);
 
     auto post = [&](const char *prefix) {
         for (int i = 0; i < kPerThread; ++i) {
-            auto n = Device(prefix + std::to_string(i), "Dev", "Text", true, "Always");
+            auto n = Device(prefix + std::to_string(i), "Always");
             presenter.Add(5, &n);
         }
     };
@@ -372,58 +282,44 @@ TEST_F(LumoraNotificationTest, PressesOnTheServiceThreadWhilePostingFromTwoThrea
             while (!noti::PressButton(id, 1) && std::chrono::steady_clock::now() < giveUp)
                 std::this_thread::yield();
     });
-    std::thread first(post, "a");
-    std::thread second(post, "b");
+    std::thread first(post, "a"), second(post, "b");
     first.join();
     second.join();
     presser.join();
     noti::WaitDelivered();
 
-    std::vector<int> ids;
+    std::set<int> ids;
     for (const auto &r : noti::Posted())
-        ids.push_back(r.itemId);
-    std::sort(ids.begin(), ids.end());
-    std::vector<int> expected(2 * kPerThread);
-    for (int i = 0; i < 2 * kPerThread; ++i)
-        expected[i] = i + 1;
-    EXPECT_EQ(ids, expected);
-
-    std::vector<std::string> launched, stored;
-    for (const auto &l : apps::Launches()) {
-        ASSERT_EQ(l.extraData.size(), 1u);
-        launched.push_back(l.extraData[0].second);
-    }
-    for (int id = 1; id <= 2 * kPerThread; ++id) {
-        ASSERT_NE(peer.Get(id), nullptr);
-        stored.push_back(peer.Get(id)->strDeviceID);
-    }
-    std::sort(launched.begin(), launched.end());
-    std::sort(stored.begin(), stored.end());
+        ids.insert(r.itemId);
+    EXPECT_EQ(ids.size(), 2u * kPerThread);
+    EXPECT_EQ(*ids.rbegin(), 2 * kPerThread);
+    std::multiset<std::string> launched, stored;
+    for (const auto &l : apps::Launches())
+        launched.insert(l.extraData.empty() ? "?" : l.extraData[0].second);
+    for (int id = 1; id <= 2 * kPerThread; ++id)
+        stored.insert(peer.Get(id) ? peer.Get(id)->strDeviceID : "null");
     EXPECT_EQ(launched, stored);
-    EXPECT_EQ(std::set<std::string>(stored.begin(), stored.end()).size(), stored.size());
+    EXPECT_EQ(std::set<std::string>(stored.begin(), stored.end()).size(), 2u * kPerThread);
 }
 
-TEST_F(LumoraNotificationTest, KoreanCatalogueTranslatesLabelsAndTheDrawnPopUp)
+TEST_F(LumoraNotificationTest, KoreanCatalogueTranslatesTheTextsAndTheDrawnPopUp)
 {
-    const std::string dir = tvhost::Root() + "/usr/apps/org.kelvar.lumora/res/locale";
     const std::string drawing = tvhost::Root() + "/noti-draw-test.txt";
     std::remove(drawing.c_str());
     ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
     setenv("LANGUAGE", "ko", 1);
-    bindtextdomain("lumora", dir.c_str());
+    bindtextdomain("lumora", (tvhost::Root() + "/usr/apps/org.kelvar.lumora/res/locale").c_str());
     textdomain("lumora");
     ASSERT_TRUE(noti::DrawToFile(drawing));
-
     {
         LumoraNotification presenter;
-        auto n = Device("d1", "세탁기", "세탁이 끝났습니다", true, "Always");
+        auto n = Device("d1", "Always", true, "세탁기", "세탁이 끝났습니다");
         presenter.Add(5, &n);
         CNewDeviceList list;
-        ASSERT_TRUE(list.Parse(kTwoNewDevices, ""));
+        ASSERT_TRUE(list.Parse(kNewDevices, ""));
         presenter.Add(1, &list);
         WidgetIs(true, true);
-        auto ok = Device("d2", "건조기", "건조 완료", true, "Always");
-        presenter.Add(5, &ok);
+        presenter.Add(5, &n);
     }
     noti::DrawTo(nullptr);
     unsetenv("LANGUAGE");
@@ -432,18 +328,18 @@ TEST_F(LumoraNotificationTest, KoreanCatalogueTranslatesLabelsAndTheDrawnPopUp)
 
     auto posted = noti::Posted();
     ASSERT_EQ(posted.size(), 3u);
-    EXPECT_EQ(Labels(posted[0]), (std::vector<std::string>{"닫기", "Lumora로 이동", "-"}));
-    EXPECT_EQ(posted[1].title, "새 가전제품이 감지되었습니다");
-    EXPECT_EQ(posted[1].body, "Air Conditioner 1, Washer 1새 가전제품이 감지되었습니다");
-    EXPECT_EQ(Labels(posted[1]), (std::vector<std::string>{"예", "아니요", "-"}));
-    EXPECT_EQ(Labels(posted[2]), (std::vector<std::string>{"확인", "-", "-"}));
+    EXPECT_EQ(Words(posted[0]), "1 1 1 \"org.kelvar.lumora\" #1 0 0 0 \"세탁기\" \"세탁이 끝났습니다\" \"\" 0 0 0 n=2 0 "
+                                "[닫기 i_close_cancel.png] [Lumora로 이동 i_go.png] [- -]");
+    EXPECT_EQ(Words(posted[1]), "1 1 2 \"org.kelvar.lumora\" #2 0 0 0 \"새 가전제품이 감지되었습니다\" "
+                                "\"Air Conditioner 1, Washer 1새 가전제품이 감지되었습니다\" \"\" 0 0 0 n=2 1 "
+                                "[예 i_allow.png] [아니요 i_deny.png] [- -]");
+    EXPECT_EQ(posted[2].buttonLabel[0], "확인");
 
     std::ifstream in(drawing);
-    std::stringstream text;
-    text << in.rdbuf();
-    const std::string drawn = text.str();
-    for (const char *needle : {"세탁기", "세탁이 끝났습니다", "[ 닫기 ]  [ Lumora로 이동 ]", "[ 예 ]  [ 아니요 ]", "[ 확인 ]"})
-        EXPECT_NE(drawn.find(needle), std::string::npos) << needle << "\n" << drawn;
+    std::stringstream drawn;
+    drawn << in.rdbuf();
+    for (const char *needle : {"│ 세탁기 ", "│ 세탁이 끝났습니다 ", "[ 닫기 ]  [ Lumora로 이동 ]", "[ 예 ]  [ 아니요 ]", "[ 확인 ]"})
+        EXPECT_NE(drawn.str().find(needle), std::string::npos) << needle << "\n" << drawn.str();
     std::remove(drawing.c_str());
 }
 
