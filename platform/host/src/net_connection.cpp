@@ -189,10 +189,15 @@ void StopWatching()
 
 tvhost::detail::LoopStopHook g_stop(StopWatching);
 
+// Handles a test never destroyed stay valid, but stop hearing changes.
 tvhost::detail::ResetHook g_reset([] {
     g_faults.Reset();
     std::lock_guard<std::mutex> lock(g_mutex);
     g_nLastReported = -1;
+    for (auto *h : g_handles) {
+        h->pfnCallback = nullptr;
+        h->pUserData = nullptr;
+    }
 });
 
 } // namespace
