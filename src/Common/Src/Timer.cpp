@@ -1,5 +1,6 @@
 #include "Timer.h"
 
+#include <csignal>
 #include <sys/select.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
@@ -36,7 +37,14 @@ void CTimer::SetTimer(long lSeconds, void (*pfnCallback)(void *), void *pArg, bo
 
 int CTimer::StartTimer()
 {
-    return pthread_create(&m_hTimerThread, nullptr, OnTimer_stub, this);
+    // The timer thread inherits a mask that blocks the process's signals, so
+    // that they reach the main loop's thread and do not cut the wait short.
+    sigset_t all, previous;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &previous);
+    int nResult = pthread_create(&m_hTimerThread, nullptr, OnTimer_stub, this);
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    return nResult;
 }
 
 int CTimer::StopTimer()
