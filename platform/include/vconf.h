@@ -40,10 +40,6 @@ char *vconf_keynode_get_name(keynode_t *keynode);
 /* VCONF_TYPE_* of the changed key's new value, or -1 for a NULL node. */
 int vconf_keynode_get_type(keynode_t *keynode);
 
-/* The new value carried by the node (0 / NULL when it has another type). */
-int vconf_keynode_get_int(const keynode_t *keynode);
-char *vconf_keynode_get_str(const keynode_t *keynode);
-
 #ifdef __cplusplus
 }
 #endif

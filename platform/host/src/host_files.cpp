@@ -38,35 +38,6 @@ std::string EscapeName(const std::string &name)
     return out;
 }
 
-bool UnescapeName(const std::string &fileName, std::string &name)
-{
-    auto digit = [](char c) -> int {
-        if (c >= '0' && c <= '9')
-            return c - '0';
-        if (c >= 'A' && c <= 'F')
-            return c - 'A' + 10;
-        return -1;
-    };
-    std::string out;
-    for (size_t i = 0; i < fileName.size(); ++i) {
-        if (fileName[i] != '%') {
-            out += fileName[i];
-            continue;
-        }
-        if (i + 2 >= fileName.size())
-            return false;
-        int hi = digit(fileName[i + 1]), lo = digit(fileName[i + 2]);
-        if (hi < 0 || lo < 0)
-            return false;
-        out += static_cast<char>(hi * 16 + lo);
-        i += 2;
-    }
-    if (EscapeName(out) != fileName)
-        return false;
-    name = out;
-    return true;
-}
-
 bool WriteFileAtomically(const std::string &path, const std::string &content)
 {
     static std::atomic<unsigned> counter{0};

@@ -13,8 +13,6 @@ std::string StateDir(const std::string &area);
 // A file name for an arbitrary name: '/' and '%' are %-escaped and a leading
 // '.' too, so no name can leave its folder or look like a temporary file.
 std::string EscapeName(const std::string &name);
-// The name back from EscapeName's result; false for a text it cannot produce.
-bool UnescapeName(const std::string &fileName, std::string &name);
 
 // Replaces path's content at once: readers see the old or the new file, never
 // a half-written one. The temporary file is hidden (leading '.') beside it.

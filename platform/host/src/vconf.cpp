@@ -17,8 +17,6 @@
 struct _keynode_t {
     std::string name;
     int type;
-    int nValue;
-    std::string strValue;
 };
 
 namespace tvhost {
@@ -107,8 +105,7 @@ bool ReadValue(const std::string &key, Value &value)
 void WriteValue(const std::string &key, const std::string &content)
 {
     WriteFileAtomically(FileOf(key), content);
-    // Later a watcher of KeyDir() may deliver instead; until then every write
-    // of this process is delivered here, on the writer's thread.
+    // Subscribers in this process hear of it at once, on the writer's thread.
     DeliverKeyChange(key);
 }
 
@@ -124,7 +121,7 @@ void DeliverKeyChange(const std::string &key)
     Value value;
     if (!ReadValue(key, value))
         return;
-    _keynode_t node{key, value.type, value.nValue, value.strValue};
+    _keynode_t node{key, value.type};
     std::vector<Subscription> targets;
     {
         std::lock_guard<std::mutex> lock(g_mutex);
@@ -252,14 +249,4 @@ extern "C" char *vconf_keynode_get_name(keynode_t *keynode)
 extern "C" int vconf_keynode_get_type(keynode_t *keynode)
 {
     return keynode ? keynode->type : -1;
-}
-
-extern "C" int vconf_keynode_get_int(const keynode_t *keynode)
-{
-    return keynode && keynode->type == VCONF_TYPE_INT ? keynode->nValue : 0;
-}
-
-extern "C" char *vconf_keynode_get_str(const keynode_t *keynode)
-{
-    return keynode && keynode->type == VCONF_TYPE_STRING ? const_cast<char *>(keynode->strValue.c_str()) : nullptr;
 }
