@@ -1,5 +1,14 @@
 /* Entry points of the simulated engine beyond the engine interface itself:
- * what tests and tools use to look inside it and to make it raise events. */
+ * what tests and tools use to look inside it and to make it raise events.
+ *
+ * The engine reads, at every qorv_start, these environment variables:
+ *   QORV_SIM_MODE    the mode file (home and scenario) instead of the data
+ *                    folder's mode.xml; the format is described in
+ *                    scenarios/quiet.xml beside the service's binary
+ *   QORV_SIM_SOCKET  the injection socket instead of
+ *                    <TV root>/opt/var/tvhost/engine.sock (qorv_sim_client.h)
+ *   QORV_SIM_QUIET   1: no "[engine]" trace on stderr
+ *   QORV_SIM_SPEED   a factor: 10 plays the scenario ten times as fast */
 #ifndef QORV_SIM_H
 #define QORV_SIM_H
 
@@ -7,8 +16,10 @@
 extern "C" {
 #endif
 
-/* Raises one event from an engine thread, as the engine does, and waits for
- * the service's answer. Returns that answer, or -2 when no callback is set. */
+/* Raises one event from the engine thread, in order with the engine's other
+ * events, and waits for the service's answer. Returns that answer, or -2
+ * when no callback is set (or the engine stops first). An engine that is not
+ * started raises it from a thread made for it, never the caller's. */
 typedef int (*PFN_QORV_SIM_EMIT)(int nEvent, const char *pParam1, const char *pParam2);
 int qorv_sim_emit(int nEvent, const char *pParam1, const char *pParam2);
 
@@ -21,7 +32,7 @@ int qorv_sim_calls(const char *pEntry);
 typedef const char *(*PFN_QORV_SIM_LAST_COMMAND)(void);
 const char *qorv_sim_last_command(void);
 
-/* Forgets counts, commands and the callback. */
+/* Stops the engine and forgets counts, commands, the language and the callback. */
 typedef void (*PFN_QORV_SIM_RESET)(void);
 void qorv_sim_reset(void);
 

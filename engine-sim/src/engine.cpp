@@ -270,6 +270,7 @@ bool Engine::Start(const StartOptions &options)
         m_nWakeFd = nWakeFd;
     }
     MarkStart();
+    Trace("started, mode file %s", options.strModePath.c_str());
     m_thread = std::thread(&Engine::Run, this, options, nWakeFd);
     return true;
 }
@@ -429,13 +430,12 @@ void Engine::Run(StartOptions options, int nWakeFd)
         std::lock_guard<std::mutex> lock(m_mutex);
         m_threadID = std::this_thread::get_id();
     }
-    Trace("started, mode file %s", options.strModePath.c_str());
     Mode mode = LoadMode(options.strModePath, [](const std::string &s) { Trace("%s", s.c_str()); });
     size_t nSteps = 0;
     for (const Cue &cue : mode.vctScenario)
         nSteps += cue.vctSteps.size() * static_cast<size_t>(cue.nRepeat);
-    Trace("mode \"%s\": %zu registered and %zu new devices, %zu master keys; %zu scenario steps%s",
-          mode.strName.c_str(), mode.home.vctRegistered.size(), mode.home.vctNew.size(),
+    Trace("%s: %zu registered and %zu new devices, %zu master keys; %zu scenario steps%s",
+          mode.strName.empty() ? "home" : ("mode \"" + mode.strName + "\"").c_str(), mode.home.vctRegistered.size(), mode.home.vctNew.size(),
           mode.home.vctMasterKeys.size(), nSteps,
           mode.vctScenario.empty() ? ""
                                    : (", the last at " + std::to_string(mode.vctScenario.back().nMs) + " ms").c_str());
