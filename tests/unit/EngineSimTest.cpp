@@ -381,6 +381,8 @@ TEST(EngineSim, EventsInjectedThroughTheSocketComeFromTheEngineThread)
 
     // Two requests in one write, and one whose texts arrive later.
     int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    timeval timeout{20, 0};  // a missing answer fails the test instead of hanging it
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
