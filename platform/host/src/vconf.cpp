@@ -1,6 +1,13 @@
-// The settings store on the host: one file per key under the TV root. A write
-// made in this process is delivered to the key's subscribers at once.
+// The settings store on the host: one file per key under the TV root. While a
+// main loop runs, every change of a key file, whoever wrote it (this process
+// or lumora-tv from another shell), reaches the key's subscribers on that loop
+// through inotify, as the TV delivers its notifications. Without a main loop a
+// write made in this process is delivered at once on the writer's thread.
 #include <vconf.h>
+
+#include <Ecore.h>
+#include <sys/inotify.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -102,11 +109,85 @@ bool ReadValue(const std::string &key, Value &value)
     return false;
 }
 
+int g_nWatchFd = -1;
+Ecore_Fd_Handler *g_pWatchHandler = nullptr;
+
+bool Watching()
+{
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return g_pWatchHandler != nullptr;
+}
+
+// The key a file in KeyDir() holds: EscapeName undone.
+std::string KeyOf(const std::string &file)
+{
+    std::string key;
+    for (size_t i = 0; i < file.size(); ++i) {
+        if (file[i] == '%' && i + 2 < file.size()) {
+            key += static_cast<char>(std::strtol(file.substr(i + 1, 2).c_str(), nullptr, 16));
+            i += 2;
+        } else {
+            key += file[i];
+        }
+    }
+    return key;
+}
+
+Eina_Bool OnKeyFiles(void *, Ecore_Fd_Handler *)
+{
+    alignas(struct inotify_event) char buf[8192];
+    std::vector<std::string> keys;
+    ssize_t n;
+    while ((n = read(g_nWatchFd, buf, sizeof buf)) > 0) {
+        for (char *p = buf; p < buf + n;) {
+            auto *ev = reinterpret_cast<struct inotify_event *>(p);
+            // Hidden names are the writers' temporary files.
+            if (ev->len > 0 && ev->name[0] != '.') {
+                std::string key = KeyOf(ev->name);
+                if (keys.empty() || keys.back() != key)
+                    keys.push_back(key);
+            }
+            p += sizeof(struct inotify_event) + ev->len;
+        }
+    }
+    for (const auto &key : keys)
+        DeliverKeyChange(key);
+    return ECORE_CALLBACK_RENEW;
+}
+
+void StartWatching()
+{
+    if (!MainLoopActive() || Watching())
+        return;
+    int fd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    if (fd < 0)
+        return;
+    if (inotify_add_watch(fd, KeyDir().c_str(), IN_MOVED_TO | IN_CLOSE_WRITE) < 0) {
+        close(fd);
+        return;
+    }
+    Ecore_Fd_Handler *pHandler = ecore_main_fd_handler_add(fd, ECORE_FD_READ, OnKeyFiles, nullptr, nullptr, nullptr);
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_nWatchFd = fd;
+    g_pWatchHandler = pHandler;
+}
+
+LoopStopHook g_stopWatching([] {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    if (g_pWatchHandler)
+        ecore_main_fd_handler_del(g_pWatchHandler);
+    if (g_nWatchFd >= 0)
+        close(g_nWatchFd);
+    g_pWatchHandler = nullptr;
+    g_nWatchFd = -1;
+});
+
 void WriteValue(const std::string &key, const std::string &content)
 {
     WriteFileAtomically(FileOf(key), content);
-    // Subscribers in this process hear of it at once, on the writer's thread.
-    DeliverKeyChange(key);
+    // With a watcher on the main loop the change arrives there, once.
+    if (!Watching())
+        DeliverKeyChange(key);
 }
 
 } // namespace
@@ -212,11 +293,14 @@ extern "C" int vconf_notify_key_changed(const char *in_key, vconf_callback_fn cb
         return result;
     if (!in_key || !cb)
         return VCONF_ERROR;
-    std::lock_guard<std::mutex> lock(g_mutex);
-    for (const auto &s : g_subscriptions)
-        if (s.key == in_key && s.cb == cb && s.pUserData == user_data)
-            return VCONF_OK;
-    g_subscriptions.push_back({in_key, cb, user_data});
+    {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        for (const auto &s : g_subscriptions)
+            if (s.key == in_key && s.cb == cb && s.pUserData == user_data)
+                return VCONF_OK;
+        g_subscriptions.push_back({in_key, cb, user_data});
+    }
+    StartWatching();
     return VCONF_OK;
 }
 
