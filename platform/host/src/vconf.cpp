@@ -11,11 +11,10 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <deque>
-#include <map>
 #include <mutex>
 #include <vector>
 
+#include "fault.h"
 #include "host_files.h"
 #include "registry.h"
 #include "tvhost/settings.h"
@@ -48,27 +47,18 @@ struct Subscription {
 
 std::mutex g_mutex;
 std::vector<Subscription> g_subscriptions;
-std::map<std::string, int> g_calls;
-std::map<std::string, std::deque<int>> g_queued;
+FaultTable g_faults;
 
 ResetHook g_reset([] {
+    g_faults.Reset();
     std::lock_guard<std::mutex> lock(g_mutex);
     g_subscriptions.clear();
-    g_calls.clear();
-    g_queued.clear();
 });
 
 // Counts a call of a platform function; true with the queued result if one waits.
 bool CountCall(const char *function, int &result)
 {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    ++g_calls[function];
-    auto it = g_queued.find(function);
-    if (it == g_queued.end() || it->second.empty())
-        return false;
-    result = it->second.front();
-    it->second.pop_front();
-    return true;
+    return g_faults.Call(function, result);
 }
 
 std::string FileOf(const std::string &key)
@@ -261,15 +251,12 @@ std::string KeyPath(const std::string &key)
 
 void QueueResult(const std::string &function, int result)
 {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_queued[function].push_back(result);
+    g_faults.Queue(function, result);
 }
 
 int CallCount(const std::string &function)
 {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    auto it = g_calls.find(function);
-    return it == g_calls.end() ? 0 : it->second;
+    return g_faults.Count(function);
 }
 
 int Subscribers(const std::string &key)
