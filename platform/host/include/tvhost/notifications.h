@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "tvhost/apps.h"
+
 namespace tvhost {
 namespace notifications {
 
@@ -74,6 +76,33 @@ bool DrawToFile(const std::string &path);
 
 // The pop-up as the viewer sees it, as drawn.
 std::string Render(const Record &record);
+
+// ---- the running service, from another process -----------------------------
+// While a process has the service initialised (init_notification_data_manager
+// until close_notification_data_manager or its exit), it serves these on a
+// Unix-domain socket under the TV root, on a thread of its own; lumora-tv and
+// the end-to-end tests use them. One process serves at a time: a second one
+// finds the socket answering and runs without it.
+std::string ControlSocketPath();
+
+namespace remote {
+
+struct Error {
+    bool bNoService = false;  // nothing listens: no service runs on this host TV
+    std::string text;         // what went wrong, for a person
+};
+
+// The serving process's id.
+bool Ping(int &pid, Error &error);
+// What is on screen there, in item id order.
+bool Shown(std::vector<Record> &records, Error &error);
+// Presses a button (0 = leftmost) or lets a notification time out there, and
+// waits until the service's callback has returned. launches: the launch
+// requests that callback made (app id, operation, extra data, result).
+bool PressButton(int itemId, int buttonIndex, std::vector<apps::Launch> &launches, Error &error);
+bool TimeOut(int itemId, Error &error);
+
+} // namespace remote
 
 } // namespace notifications
 } // namespace tvhost
