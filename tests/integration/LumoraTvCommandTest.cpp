@@ -1,0 +1,153 @@
+// lumora-tv on its own: what it tells a person who typed something wrong, and
+// the shared host TV state it writes for the service to see.
+#include <gtest/gtest.h>
+
+#include <device/power.h>
+
+#include <filesystem>
+
+#include "LumoraTv.h"
+#include "tvhost/apps.h"
+#include "tvhost/network.h"
+#include "tvhost/notifications.h"
+#include "tvhost/power.h"
+#include "tvhost/settings.h"
+#include "tvhost/tvhost.h"
+
+namespace {
+
+const char kWidget[] = "PzKmRvTqXa.Lumora";
+const char kNotRunning[] = "the service is not running on this host TV; start it with: lumora-tv run";
+
+int AppChange()
+{
+    int n = 0;
+    tvhost::settings::GetInt("memory/was/app_change", n);
+    return n;
+}
+
+class LumoraTvCommand : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        tvhost::notifications::remote::Error error;
+        int pid = 0;
+        ASSERT_FALSE(tvhost::notifications::remote::Ping(pid, error))
+            << "a service (pid " << pid << ") runs on this build's host TV; these checks need it stopped";
+    }
+    void TearDown() override { tvhost::network::ClearOverride(); }
+};
+
+} // namespace
+
+TEST_F(LumoraTvCommand, RejectsWrongCommandLinesWithUsageStatusAndSaysWhatIsWrong)
+{
+    struct Case {
+        std::vector<std::string> args;
+        std::vector<std::string> errParts;
+    };
+    const std::vector<Case> cases = {
+        {{}, {"usage: lumora-tv COMMAND"}},
+        {{"bogus"}, {"unknown command \"bogus\"", "usage: lumora-tv COMMAND"}},
+        {{"set", "db/menu_widget/langauge", "ko"},
+         {"unknown settings key \"db/menu_widget/langauge\"", "db/menu_widget/language", "memory/was/app_change"}},
+        {{"get", "memory/app_change"}, {"unknown settings key", "db/menu_widget/language", "memory/was/app_change"}},
+        {{"set", "memory/was/app_change", "12x"}, {"bad number \"12x\" for memory/was/app_change"}},
+        {{"set", "memory/was/app_change", "99999999999"}, {"bad number \"99999999999\""}},
+        {{"set", "db/menu_widget/language"}, {"usage: lumora-tv set KEY VALUE"}},
+        {{"run", "--scenario", "sunny"}, {"unknown scenario \"sunny\"", "demo, quiet, storm"}},
+        {{"run", "--scenario", "../mode"}, {"unknown scenario \"../mode\""}},
+        {{"run", "--fast"}, {"usage: lumora-tv run [--scenario NAME]"}},
+        {{"press", "2"}, {"usage: lumora-tv press ITEM BUTTON", "counts from 0"}},
+        {{"press", "2", "go"}, {"bad number \"go\" for BUTTON"}},
+        {{"timeout", "-"}, {"bad number \"-\" for ITEM"}},
+        {{"widget", "explode"}, {"unknown widget action \"explode\"", "install, uninstall, launch or close"}},
+        {{"network", "cable"}, {"unknown network type \"cable\"", "wifi, ethernet, none or auto"}},
+        {{"event", "five", "-"}, {"bad event number \"five\""}},
+        {{"event", "5"}, {"usage: lumora-tv event NUMBER FILE|-"}},
+        {{"notifications", "--all"}, {"usage: lumora-tv notifications [--brief] [ITEM]"}},
+    };
+    for (const Case &c : cases) {
+        LumoraTvResult r = LumoraTv(c.args);
+        EXPECT_EQ(r.status, 2) << Describe(c.args, r);
+        for (const auto &part : c.errParts)
+            EXPECT_NE(r.err.find(part), std::string::npos) << "missing \"" << part << "\" in\n" << Describe(c.args, r);
+    }
+
+    LumoraTvResult help = LumoraTv({"help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_NE(help.out.find("BUTTON counts from 0, left to"), std::string::npos) << help.out;
+}
+
+TEST_F(LumoraTvCommand, WritesTheHostTvStateEveryProcessSees)
+{
+    tvhost::power::ClearRecorded();
+    ASSERT_EQ(device_power_request_poweroff(3), 0) << "no main loop here: only the record is written";
+    std::filesystem::create_directories(tvhost::Root() + "/opt/usr/apps/org.kelvar.lumora/data");
+
+    LumoraTvResult r = LumoraTv({"reset"});
+    ASSERT_EQ(r.status, 0) << Describe({"reset"}, r);
+    std::string language;
+    EXPECT_TRUE(tvhost::settings::GetString("db/menu_widget/language", language));
+    EXPECT_EQ(language, "en_US.UTF-8");
+    EXPECT_TRUE(tvhost::apps::IsInstalled(kWidget));
+    EXPECT_FALSE(tvhost::apps::IsRunning(kWidget));
+    EXPECT_EQ(tvhost::network::CurrentType(), 3);
+    EXPECT_FALSE(std::filesystem::exists(tvhost::Root() + "/opt/usr/apps/org.kelvar.lumora/data"));
+    EXPECT_TRUE(tvhost::power::Recorded().empty());
+    EXPECT_EQ(LumoraTv({"power"}).out.compare(0, 3, "on:"), 0);
+
+    // Settings, read back by this process and by lumora-tv.
+    EXPECT_EQ(LumoraTv({"set", "db/menu_widget/language", "ko_KR.UTF-8"}).status, 0);
+    EXPECT_TRUE(tvhost::settings::GetString("db/menu_widget/language", language));
+    EXPECT_EQ(language, "ko_KR.UTF-8");
+    EXPECT_EQ(LumoraTv({"set", "memory/was/app_change", "-5"}).status, 0);
+    EXPECT_EQ(AppChange(), -5);
+    EXPECT_EQ(LumoraTv({"get"}).out, "db/menu_widget/language = ko_KR.UTF-8\nmemory/was/app_change = -5\n");
+
+    // The widget: installing and removing bump the app-change key, as the TV does.
+    r = LumoraTv({"widget", "uninstall"});
+    EXPECT_EQ(r.out, "PzKmRvTqXa.Lumora is not installed (memory/was/app_change is now -4)\n") << r.err;
+    EXPECT_FALSE(tvhost::apps::IsInstalled(kWidget));
+    r = LumoraTv({"widget", "launch"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("install it first: lumora-tv widget install"), std::string::npos) << r.err;
+    EXPECT_EQ(LumoraTv({"widget", "install"}).status, 0);
+    EXPECT_EQ(AppChange(), -3);
+    EXPECT_EQ(LumoraTv({"widget", "install"}).out, "PzKmRvTqXa.Lumora is installed, not running (nothing changed)\n");
+    EXPECT_EQ(AppChange(), -3);
+    EXPECT_EQ(LumoraTv({"widget", "launch"}).out, "PzKmRvTqXa.Lumora is installed, running\n");
+    EXPECT_TRUE(tvhost::apps::IsRunning(kWidget));
+    EXPECT_EQ(LumoraTv({"widget", "close"}).status, 0);
+    EXPECT_FALSE(tvhost::apps::IsRunning(kWidget));
+
+    // The network override, and back to the machine's own.
+    EXPECT_EQ(LumoraTv({"network", "wifi"}).out, "network: wifi\n");
+    EXPECT_EQ(tvhost::network::CurrentType(), 1);
+    EXPECT_EQ(LumoraTv({"network", "none"}).status, 0);
+    EXPECT_EQ(tvhost::network::CurrentType(), 0);
+    r = LumoraTv({"network", "auto"});
+    EXPECT_EQ(r.out, std::string("network: ") + tvhost::network::TypeName(tvhost::network::CurrentType()) +
+                         " (following this machine's default route)\n");
+
+    // The power-off record of another process.
+    ASSERT_EQ(device_power_request_poweroff(3), 0);
+    r = LumoraTv({"power"});
+    EXPECT_EQ(r.out, "off: the TV was switched off (power-off request of kind 3)\n");
+    EXPECT_EQ(tvhost::power::Recorded(), std::vector<int>{3});
+
+    // What needs the running service says how to start it.
+    for (const std::vector<std::string> &args : std::vector<std::vector<std::string>>{
+             {"notifications"}, {"press", "1", "1"}, {"timeout", "1"}, {"event", "5", "-"}}) {
+        r = LumoraTv(args, "<x/>");
+        EXPECT_EQ(r.status, 1) << Describe(args, r);
+        EXPECT_EQ(r.err, std::string("lumora-tv: ") + kNotRunning + "\n") << Describe(args, r);
+    }
+    r = LumoraTv({"status"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find("service:   not running (start it with: lumora-tv run)"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("power:     off"), std::string::npos) << r.out;
+    r = LumoraTv({"event", "5", "/nonexistent/event.xml"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("cannot read /nonexistent/event.xml"), std::string::npos) << r.err;
+}

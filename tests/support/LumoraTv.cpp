@@ -1,0 +1,107 @@
+#include "LumoraTv.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+// A temporary file, removed with the object.
+struct TempFile {
+    std::string path;
+    TempFile()
+    {
+        char tmpl[] = "/tmp/lumora-tv-XXXXXX";
+        int fd = mkstemp(tmpl);
+        if (fd < 0)
+            throw std::runtime_error("mkstemp failed");
+        close(fd);
+        path = tmpl;
+    }
+    ~TempFile() { unlink(path.c_str()); }
+    std::string Read() const
+    {
+        std::ifstream in(path, std::ios::binary);
+        std::stringstream ss;
+        ss << in.rdbuf();
+        return ss.str();
+    }
+};
+
+} // namespace
+
+std::string LumoraTvBinary()
+{
+    return std::string(LUMORA_BINARY_DIR) + "/tools/lumora-tv";
+}
+
+LumoraTvResult LumoraTv(const std::vector<std::string> &args, const std::string &input)
+{
+    TempFile in, out, err;
+    {
+        std::ofstream f(in.path, std::ios::binary);
+        f << input;
+    }
+    const std::string binary = LumoraTvBinary();
+    std::vector<char *> argv;
+    argv.push_back(const_cast<char *>(binary.c_str()));
+    for (const auto &a : args)
+        argv.push_back(const_cast<char *>(a.c_str()));
+    argv.push_back(nullptr);
+
+    pid_t pid = fork();
+    if (pid < 0)
+        throw std::runtime_error("fork failed");
+    if (pid == 0) {
+        int fdIn = open(in.path.c_str(), O_RDONLY);
+        int fdOut = open(out.path.c_str(), O_WRONLY | O_TRUNC);
+        int fdErr = open(err.path.c_str(), O_WRONLY | O_TRUNC);
+        if (fdIn < 0 || fdOut < 0 || fdErr < 0)
+            _exit(126);
+        dup2(fdIn, STDIN_FILENO);
+        dup2(fdOut, STDOUT_FILENO);
+        dup2(fdErr, STDERR_FILENO);
+        execv(binary.c_str(), argv.data());
+        _exit(127);
+    }
+    int wstatus = 0;
+    while (waitpid(pid, &wstatus, 0) < 0) {
+    }
+    LumoraTvResult result;
+    result.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+    result.out = out.Read();
+    result.err = err.Read();
+    return result;
+}
+
+std::string Describe(const std::vector<std::string> &args, const LumoraTvResult &result)
+{
+    std::string line = "lumora-tv";
+    for (const auto &a : args)
+        line += " " + a;
+    return line + "\n  exit status " + std::to_string(result.status) + "\n  stdout: " + result.out +
+           "\n  stderr: " + result.err;
+}
+
+bool WaitForPopups(size_t count, std::chrono::milliseconds timeout, std::vector<std::string> &lines)
+{
+    const auto until = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        lines.clear();
+        LumoraTvResult r = LumoraTv({"notifications", "--brief"});
+        std::istringstream in(r.out);
+        for (std::string line; std::getline(in, line);)
+            lines.push_back(line);
+        if (r.status == 0 && lines.size() >= count)
+            return true;
+        if (std::chrono::steady_clock::now() > until)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+}

@@ -1,0 +1,25 @@
+// Runs this build's lumora-tv as a separate process, as a person in another
+// shell would, and collects what it printed and its exit status.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+struct LumoraTvResult {
+    int status = -1;  // exit status; -1 when it did not exit normally
+    std::string out;
+    std::string err;
+};
+
+std::string LumoraTvBinary();
+
+// args after the program name; input is fed to its standard input.
+LumoraTvResult LumoraTv(const std::vector<std::string> &args, const std::string &input = "");
+
+// For failure messages: the command line and everything it printed.
+std::string Describe(const std::vector<std::string> &args, const LumoraTvResult &result);
+
+// Polls `lumora-tv notifications --brief` until at least count pop-ups are on
+// screen; lines gets the last answer, one line per pop-up.
+bool WaitForPopups(size_t count, std::chrono::milliseconds timeout, std::vector<std::string> &lines);

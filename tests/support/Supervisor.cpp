@@ -1,0 +1,217 @@
+#include "Supervisor.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "LumoraTv.h"
+
+using namespace std::chrono_literals;
+
+Supervisor::Supervisor()
+{
+    char tmpl[] = "/tmp/lumora-supervised-XXXXXX";
+    int fd = mkstemp(tmpl);
+    if (fd < 0)
+        throw std::runtime_error("mkstemp failed");
+    close(fd);
+    m_strLogPath = tmpl;
+    m_listener = std::thread(&Supervisor::Listen, this);
+}
+
+Supervisor::~Supervisor()
+{
+    if (Running()) {
+        kill(m_pid, SIGKILL);
+        Wait(5s);
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_bStop = true;
+    }
+    m_listener.join();
+    unlink(m_strLogPath.c_str());
+}
+
+void Supervisor::Listen()
+{
+    for (;;) {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_bStop)
+                return;
+        }
+        NotifySocket::Message msg;
+        if (m_socket.Receive(msg, 100ms)) {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_messages.push_back(msg);
+        }
+    }
+}
+
+void Supervisor::Start(const std::vector<std::string> &runArgs, const std::vector<std::string> &env)
+{
+    const std::string binary = LumoraTvBinary();
+    std::vector<std::string> args{binary, "run"};
+    args.insert(args.end(), runArgs.begin(), runArgs.end());
+    std::vector<char *> argv;
+    for (auto &a : args)
+        argv.push_back(&a[0]);
+    argv.push_back(nullptr);
+
+    m_started = Clock::now();
+    pid_t pid = fork();
+    if (pid < 0)
+        throw std::runtime_error("fork failed");
+    if (pid == 0) {
+        int fd = open(m_strLogPath.c_str(), O_WRONLY | O_TRUNC);
+        if (fd >= 0) {
+            dup2(fd, STDOUT_FILENO);
+            dup2(fd, STDERR_FILENO);
+            close(fd);
+        }
+        // The log and the drawings are what the tests read.
+        unsetenv("TVHOST_LOG");
+        setenv("TVHOST_LOG_STDERR", "1", 1);
+        setenv("TVHOST_DRAW", "stdout", 1);
+        for (const auto &e : env)
+            putenv(const_cast<char *>(e.c_str()));
+        execv(binary.c_str(), argv.data());
+        _exit(127);
+    }
+    m_pid = pid;
+}
+
+void Supervisor::Signal(int sig)
+{
+    if (m_pid > 0)
+        kill(m_pid, sig);
+}
+
+bool Supervisor::Running()
+{
+    if (m_pid <= 0)
+        return false;
+    int status = 0;
+    if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
+        m_nStatus = status;
+        m_pid = -1;
+        return false;
+    }
+    return true;
+}
+
+int Supervisor::Wait(std::chrono::milliseconds timeout)
+{
+    const auto until = Clock::now() + timeout;
+    while (Running()) {
+        if (Clock::now() > until)
+            return -1;
+        std::this_thread::sleep_for(20ms);
+    }
+    return m_nStatus;
+}
+
+std::string Supervisor::Log() const
+{
+    std::ifstream in(m_strLogPath, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+int Supervisor::CountInLog(const std::string &text) const
+{
+    const std::string log = Log();
+    int n = 0;
+    for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + text.size()))
+        ++n;
+    return n;
+}
+
+bool Supervisor::WaitForLog(const std::string &text, std::chrono::milliseconds timeout, int count)
+{
+    const auto until = Clock::now() + timeout;
+    for (;;) {
+        if (CountInLog(text) >= count)
+            return true;
+        // What an ended service wrote is all there is.
+        if (!Running())
+            return CountInLog(text) >= count;
+        if (Clock::now() > until)
+            return false;
+        std::this_thread::sleep_for(50ms);
+    }
+}
+
+std::vector<NotifySocket::Message> Supervisor::Messages() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_messages;
+}
+
+bool Supervisor::WaitForMessages(size_t count, std::chrono::milliseconds timeout) const
+{
+    const auto until = Clock::now() + timeout;
+    while (Messages().size() < count) {
+        if (Clock::now() > until)
+            return false;
+        std::this_thread::sleep_for(20ms);
+    }
+    return true;
+}
+
+std::string ReadinessOf(const std::string &name, pid_t pid)
+{
+    return "READY=1\nsd_notify READY Proc : " + name + "(" + std::to_string(pid) + ")";
+}
+
+std::string WatchdogOf(pid_t pid)
+{
+    return "WATCHDOG=1\nsd_notify WATCHDOG Proc : lumora(" + std::to_string(pid) + ")";
+}
+
+Supervision Judge(const std::vector<NotifySocket::Message> &messages, pid_t pid, Supervisor::Clock::time_point start,
+                  Supervisor::Clock::time_point end)
+{
+    using std::chrono::duration_cast;
+    using std::chrono::milliseconds;
+    Supervision out;
+    auto gap = [&](Supervisor::Clock::time_point from, Supervisor::Clock::time_point to) {
+        out.longestGap = std::max(out.longestGap, duration_cast<milliseconds>(to - from));
+    };
+    if (messages.empty() || messages[0].text != ReadinessOf("RAApp", pid))
+        out.problems.push_back("the first message is not the timer thread's readiness \"" + ReadinessOf("RAApp", pid) +
+                               "\"");
+    int nReady = 0;
+    Supervisor::Clock::time_point last = start;
+    for (size_t i = messages.empty() ? 0 : 1; i < messages.size(); ++i) {
+        const NotifySocket::Message &m = messages[i];
+        if (m.text == "READY=1")
+            continue;
+        if (m.text == ReadinessOf("lumora", pid)) {
+            if (++nReady > 1)
+                out.problems.push_back("a second readiness message of the service");
+            if (out.nWatchdogs > 0)
+                out.problems.push_back("the service's readiness came after a watchdog message");
+            continue;
+        }
+        if (m.text != WatchdogOf(pid)) {
+            out.problems.push_back("unexpected message: \"" + m.text + "\"");
+            continue;
+        }
+        if (out.nWatchdogs == 0 && nReady == 0)
+            out.problems.push_back("the first watchdog message came without the service's readiness");
+        ++out.nWatchdogs;
+        gap(last, m.when);
+        last = m.when;
+    }
+    gap(last, end);
+    return out;
+}

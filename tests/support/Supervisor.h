@@ -1,0 +1,78 @@
+// A stand-in for systemd supervising the real service: it binds NOTIFY_SOCKET,
+// starts the service the way a developer does (`lumora-tv run`, which execs
+// it) with its log and drawings in a file, and records every readiness and
+// watchdog message with its arrival time on a thread of its own, so that the
+// gaps are measured while a test drives the service.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <sys/types.h>
+#include <thread>
+#include <vector>
+
+#include "NotifySocket.h"
+
+class Supervisor {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    Supervisor();
+    ~Supervisor();  // kills the service (SIGKILL) if it still runs
+
+    // Runs `lumora-tv run <runArgs>` with these extra environment entries.
+    void Start(const std::vector<std::string> &runArgs, const std::vector<std::string> &env = {});
+    pid_t Pid() const { return m_pid; }
+    Clock::time_point StartedAt() const { return m_started; }
+
+    void Signal(int sig);
+    bool Running();
+    // The exit status as waitpid gives it, or -1 when it still runs after timeout.
+    int Wait(std::chrono::milliseconds timeout);
+
+    std::string Log() const;
+    int CountInLog(const std::string &text) const;
+    // Waits until the log holds text at least count times; false after timeout
+    // or when the service ended without it.
+    bool WaitForLog(const std::string &text, std::chrono::milliseconds timeout, int count = 1);
+
+    std::vector<NotifySocket::Message> Messages() const;
+    // Waits until at least count messages arrived.
+    bool WaitForMessages(size_t count, std::chrono::milliseconds timeout) const;
+
+private:
+    void Listen();
+
+    NotifySocket m_socket;
+    std::string m_strLogPath;
+    pid_t m_pid = -1;
+    int m_nStatus = -1;
+    Clock::time_point m_started;
+
+    mutable std::mutex m_mutex;
+    std::vector<NotifySocket::Message> m_messages;
+    bool m_bStop = false;
+    std::thread m_listener;
+};
+
+// The texts the service sends to its supervisor.
+std::string ReadinessOf(const std::string &name, pid_t pid);
+std::string WatchdogOf(pid_t pid);
+
+// The messages of one run, judged as systemd would see them.
+struct Supervision {
+    std::vector<std::string> problems;  // empty when every message was as it must be
+    int nWatchdogs = 0;
+    // The longest time without a watchdog message: from the start to the
+    // first, between two, and from the last to the end of the run.
+    std::chrono::milliseconds longestGap{0};
+};
+
+// The timer thread's readiness ("RAApp") comes first; the service's own
+// ("lumora") once, right before the first watchdog message; every other
+// message is a watchdog message, but for the plain "READY=1" that Ecore sends
+// when its main loop begins.
+Supervision Judge(const std::vector<NotifySocket::Message> &messages, pid_t pid, Supervisor::Clock::time_point start,
+                  Supervisor::Clock::time_point end);
