@@ -226,12 +226,14 @@ int Run(const std::vector<std::string> &args)
 {
     std::string scenario;
     for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--scenario" && i + 1 < args.size())
+        if (args[i] == "--scenario" && i + 1 < args.size() && scenario.empty())
             scenario = args[++i];
-        else if (args[i].compare(0, 11, "--scenario=") == 0)
+        else if (args[i].compare(0, 11, "--scenario=") == 0 && scenario.empty())
             scenario = args[i].substr(11);
         else
             throw UsageError("usage: lumora-tv run [--scenario NAME]");
+        if (scenario.empty())
+            throw UsageError("--scenario needs a NAME; the shipped ones are: " + Join(Scenarios(), ", "));
     }
     if (int pid = ServicePid())
         throw Failure("the service already runs on this host TV (pid " + std::to_string(pid) +
@@ -240,14 +242,16 @@ int Run(const std::vector<std::string> &args)
     if (access(binary.c_str(), X_OK) != 0)
         throw Failure("the service is not built: " + binary + " is missing; build this tree first");
 
-    std::error_code ec;
-    fs::create_directories(DataDir(), ec);
-    if (ec)
-        throw Failure("cannot create the data folder " + DataDir() + ": " + ec.message());
+    // Without a scenario the service prepares its data folder itself, with
+    // the shipped mode.xml, as on a TV's first start.
     if (!scenario.empty()) {
         const std::string source = ScenarioDir() + "/" + scenario + ".xml";
         if (scenario.find('/') != std::string::npos || !fs::is_regular_file(source))
             throw UsageError("unknown scenario \"" + scenario + "\"; the shipped ones are: " + Join(Scenarios(), ", "));
+        std::error_code ec;
+        fs::create_directories(DataDir(), ec);
+        if (ec)
+            throw Failure("cannot create the data folder " + DataDir() + ": " + ec.message());
         const std::string target = DataDir() + "/mode.xml";
         fs::copy_file(source, target, fs::copy_options::overwrite_existing, ec);
         if (ec)

@@ -58,6 +58,7 @@ TEST_F(LumoraTvCommand, RejectsWrongCommandLinesWithUsageStatusAndSaysWhatIsWron
         {{"run", "--scenario", "sunny"}, {"unknown scenario \"sunny\"", "demo, quiet, storm"}},
         {{"run", "--scenario", "../mode"}, {"unknown scenario \"../mode\""}},
         {{"run", "--fast"}, {"usage: lumora-tv run [--scenario NAME]"}},
+        {{"run", "--scenario="}, {"--scenario needs a NAME; the shipped ones are: demo, quiet, storm"}},
         {{"press", "2"}, {"usage: lumora-tv press ITEM BUTTON", "counts from 0"}},
         {{"press", "2", "go"}, {"bad number \"go\" for BUTTON"}},
         {{"timeout", "-"}, {"bad number \"-\" for ITEM"}},
