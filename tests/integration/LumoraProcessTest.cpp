@@ -6,6 +6,7 @@
 #include <fstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <vector>
 
 #include "NotifySocket.h"
 #include "ServiceProcess.h"
@@ -55,21 +56,32 @@ TEST_F(LumoraProcess, TellsSystemdItIsReadyFeedsTheWatchdogStartsTheEngineAndEnd
     EXPECT_EQ(msg.text, Readiness("RAApp", service.Pid())) << "the timer thread's own readiness comes first";
 
     // Every tick sends the watchdog message; only the first one also says ready.
-    int nReadyLumora = 0, nWatchdogs = 0;
-    while (nWatchdogs < 3 && sock.Receive(msg, 15s)) {
+    // A wait cut short by a signal calls back early (run as root, Ecore's
+    // start-up makes glibc signal every thread once), so gaps are checked, not
+    // the time of the first tick.
+    int nReadyLumora = 0;
+    std::vector<std::chrono::steady_clock::time_point> ticks;
+    auto until = t0 + 13500ms;
+    while (std::chrono::steady_clock::now() < until &&
+           sock.Receive(msg, std::chrono::duration_cast<std::chrono::milliseconds>(until - std::chrono::steady_clock::now()))) {
         if (msg.text == "READY=1")
             continue;  // Ecore's own, when its main loop begins
         if (msg.text == Readiness("lumora", service.Pid())) {
-            EXPECT_EQ(nWatchdogs, 0) << "readiness comes with the first tick";
+            EXPECT_TRUE(ticks.empty()) << "readiness comes with the first tick";
             ++nReadyLumora;
         } else {
             EXPECT_EQ(msg.text, Watchdog(service.Pid()));
-            ++nWatchdogs;
+            ticks.push_back(msg.when);
         }
     }
     EXPECT_EQ(nReadyLumora, 1);
-    EXPECT_EQ(nWatchdogs, 3);
-    EXPECT_GE(std::chrono::steady_clock::now() - t0, 12s) << "three ticks cannot come before two periods";
+    ASSERT_GE(ticks.size(), 2u);
+    auto previous = t0;
+    for (auto tick : ticks) {
+        EXPECT_LE(tick - previous, 8s) << "the watchdog went quiet for longer than its period";
+        previous = tick;
+    }
+    EXPECT_GE(ticks.back() - ticks[ticks.size() - 2], 5s) << "once running, ticks keep their 6 s period";
 
     // The widget was installed before the start: the engine runs, told the language.
     EXPECT_TRUE(service.WaitForLog("Success to start qorv!", 10s)) << service.Log();
