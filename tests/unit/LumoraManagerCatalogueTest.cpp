@@ -38,6 +38,9 @@ TEST_F(Catalogue, MasterKeysAreReplacedOnlyByADocumentThatReachesItsKeys)
         EXPECT_FALSE(Peer::ParseMasterKeys(b.doc)) << b.doc;
         EXPECT_TRUE(log.Has(b.message)) << b.doc;
         EXPECT_EQ(Peer::MasterKeys().size(), 3u) << "a malformed document keeps the list";
+        ASSERT_FALSE(log.Records().empty());
+        EXPECT_NE(log.Records().back().text.find("LumoraManager.cpp:m_ParseMasterKeyMessage("), std::string::npos)
+            << log.Records().back().text;
     }
 
     // K1, K2 without id, K3: K1 only, and still a success.

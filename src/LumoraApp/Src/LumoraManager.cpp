@@ -63,6 +63,44 @@ std::string Content(xmlNode *pNode)
     return Take(xmlNodeGetContent(pNode));
 }
 
+// Calls fn on pFirst and each following sibling named like it, until fn
+// rejects one.
+template <typename Fn>
+void ForEachNamed(xmlNodePtr pFirst, Fn fn)
+{
+    const xmlChar *pName = pFirst->name;
+    bool bOk;
+    do {
+        bOk = fn(pFirst);
+        pFirst = xmlGetNextSiblingNode(pFirst, pName);
+    } while (pFirst != nullptr && bOk);
+}
+
+// The device-type and master-key documents open alike: well-formed, with a
+// root of the expected name. Logs as pFunction; the document is freed on
+// failure and handed back on success.
+xmlNodePtr OpenCatalogue(const char *pFunction, const char *pBuffer, int nSize, const char *pRootName,
+                         xmlDocPtr &pDoc)
+{
+    pDoc = xmlParseMemory(pBuffer, nSize);
+    if (pDoc == nullptr) {
+        LUMORA_LOG_AS(pFunction, EXT_LOG_DEBUG, "doc parsed error");
+        return nullptr;
+    }
+    xmlNodePtr pRoot = xmlDocGetRootElement(pDoc);
+    if (pRoot == nullptr) {
+        LUMORA_LOG_AS(pFunction, EXT_LOG_DEBUG, "supported_type_list is null");
+    } else if (xmlStrcmp(pRoot->name, X(pRootName)) != 0) {
+        // The master-key parser says ControllableDevice too.
+        LUMORA_LOG_AS(pFunction, EXT_LOG_DEBUG, "root node != ControllableDevice");
+    } else {
+        return pRoot;
+    }
+    xmlFreeDoc(pDoc);
+    pDoc = nullptr;
+    return nullptr;
+}
+
 } // namespace
 
 LumoraManager::LumoraManager()
@@ -309,33 +347,17 @@ void LumoraManager::m_PrintCurrentCommandList()
 
 bool LumoraManager::m_ParseDeviceTypeList(const char *pBuffer, int nSize)
 {
-    xmlDocPtr pDoc = xmlParseMemory(pBuffer, nSize);
-    if (pDoc == nullptr) {
-        LUMORA_LOG(EXT_LOG_DEBUG, "doc parsed error");
+    xmlDocPtr pDoc;
+    xmlNodePtr pRoot = OpenCatalogue(__FUNCTION__, pBuffer, nSize, "ControllableDevice", pDoc);
+    if (pRoot == nullptr)
         return false;
-    }
-    xmlNodePtr pRoot = xmlDocGetRootElement(pDoc);
-    if (pRoot == nullptr) {
-        LUMORA_LOG(EXT_LOG_DEBUG, "supported_type_list is null");
-        xmlFreeDoc(pDoc);
-        return false;
-    }
-    if (xmlStrcmp(pRoot->name, X("ControllableDevice")) != 0) {
-        LUMORA_LOG(EXT_LOG_DEBUG, "root node != ControllableDevice");
-        xmlFreeDoc(pDoc);
-        return false;
-    }
     xmlNodePtr pDevice = xmlGetFirstChildNode(pRoot, X("Device"));
     if (pDevice == nullptr) {
         // The document is kept on this path, as the master-key parser does.
         LUMORA_LOG(EXT_LOG_DEBUG, "supported_type is null");
         return false;
     }
-    bool bOk;
-    do {
-        bOk = m_EleOnSupportedType(pDevice);
-        pDevice = xmlGetNextSiblingNode(pDevice, X("Device"));
-    } while (pDevice != nullptr && bOk);
+    ForEachNamed(pDevice, [this](xmlNodePtr p) { return m_EleOnSupportedType(p); });
     xmlFreeDoc(pDoc);
     return true;
 }
@@ -349,22 +371,11 @@ bool LumoraManager::m_EleOnSupportedType(_xmlNode *pNode)
 
 bool LumoraManager::m_ParseMasterKeyMessage(const char *pMessage)
 {
-    xmlDocPtr pDoc = xmlParseMemory(pMessage, static_cast<int>(std::strlen(pMessage)));
-    if (pDoc == nullptr) {
-        LUMORA_LOG(EXT_LOG_DEBUG, "doc parsed error");
+    xmlDocPtr pDoc;
+    xmlNodePtr pRoot =
+        OpenCatalogue(__FUNCTION__, pMessage, static_cast<int>(std::strlen(pMessage)), "MasterKeyList", pDoc);
+    if (pRoot == nullptr)
         return false;
-    }
-    xmlNodePtr pRoot = xmlDocGetRootElement(pDoc);
-    if (pRoot == nullptr) {
-        LUMORA_LOG(EXT_LOG_DEBUG, "supported_type_list is null");
-        xmlFreeDoc(pDoc);
-        return false;
-    }
-    if (xmlStrcmp(pRoot->name, X("MasterKeyList")) != 0) {
-        LUMORA_LOG(EXT_LOG_DEBUG, "root node != ControllableDevice");
-        xmlFreeDoc(pDoc);
-        return false;
-    }
     xmlNodePtr pKey = xmlGetFirstChildNode(pRoot, X("MasterKey"));
     if (pKey == nullptr) {
         LUMORA_LOG(EXT_LOG_DEBUG, "supported_MasterKey is null");
@@ -372,11 +383,7 @@ bool LumoraManager::m_ParseMasterKeyMessage(const char *pMessage)
     }
     // Only a document that got this far replaces the catalogue.
     m_vctMasterKey.clear();
-    bool bOk;
-    do {
-        bOk = m_GetMasterKeyProperty(pKey);
-        pKey = xmlGetNextSiblingNode(pKey, X("MasterKey"));
-    } while (pKey != nullptr && bOk);
+    ForEachNamed(pKey, [this](xmlNodePtr p) { return m_GetMasterKeyProperty(p); });
     // The document is kept on this path.
     return true;
 }
@@ -443,11 +450,7 @@ bool LumoraManager::m_ParseRegisteredDeviceDocument(const char *pBuffer, int nSi
         xmlFreeDoc(pDoc);
         return false;
     }
-    bool bOk;
-    do {
-        bOk = m_EleOnRegisteredDevice(pDevice);
-        pDevice = xmlGetNextSiblingNode(pDevice, X("RegisteredDevice"));
-    } while (pDevice != nullptr && bOk);
+    ForEachNamed(pDevice, [this](xmlNodePtr p) { return m_EleOnRegisteredDevice(p); });
     xmlFreeDoc(pDoc);
     return true;
 }
@@ -495,11 +498,7 @@ bool LumoraManager::m_ParseDeviceCommandList(const char *pBuffer, int nSize)
         xmlFreeDoc(pDoc);
         return false;
     }
-    bool bOk;
-    do {
-        bOk = m_EleOnCommand(pCommand);
-        pCommand = xmlGetNextSiblingNode(pCommand, X("Command"));
-    } while (pCommand != nullptr && bOk);
+    ForEachNamed(pCommand, [this](xmlNodePtr p) { return m_EleOnCommand(p); });
     xmlFreeDoc(pDoc);
     return true;
 }
@@ -516,11 +515,7 @@ bool LumoraManager::m_EleOnCommand(_xmlNode *pNode)
         LUMORA_LOG(EXT_LOG_DEBUG, "sub_command is null");
         return false;
     }
-    bool bOk;
-    do {
-        bOk = m_EleOnSubCommand(pSub);
-        pSub = xmlGetNextSiblingNode(pSub, X("SubCommand"));
-    } while (pSub != nullptr && bOk);
+    ForEachNamed(pSub, [this](xmlNodePtr p) { return m_EleOnSubCommand(p); });
     // A bad sub-command ends only its own list.
     return true;
 }
