@@ -38,5 +38,13 @@ test: test-host test-asan test-fuzz
 demo: build
 	@scripts/demo
 
+# Benchmarks (Release tree build/bench): Google Benchmark's output, then one
+# table of the numbers beside their targets. Fails only if a program does.
+.PHONY: bench
+bench: deps
+	cmake --preset bench
+	cmake --build --preset bench --target lumora_bench
+	@bench/run build/bench
+
 clean:
 	rm -rf build

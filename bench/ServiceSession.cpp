@@ -1,0 +1,105 @@
+#include "ServiceSession.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "EngineSim.h"
+#include "LumoraQorvHelper.h"
+#include "ManagerFixture.h"
+#include "tvhost/apps.h"
+#include "tvhost/log.h"
+#include "tvhost/mainloop.h"
+#include "tvhost/network.h"
+#include "tvhost/notifications.h"
+#include "tvhost/settings.h"
+#include "tvhost/tvhost.h"
+
+namespace lumorabench {
+
+void QuietHost()
+{
+    tvhost::log::SetEcho(false);
+    tvhost::log::SetCapture(false);
+    tvhost::log::SetEnabled(false);
+    tvhost::notifications::DrawTo(nullptr);
+    setenv("QORV_SIM_QUIET", "1", 1);
+}
+
+void SetLogging(bool bOn)
+{
+    tvhost::log::SetEcho(false);
+    tvhost::log::SetCapture(false);
+    tvhost::log::SetEnabled(bOn);
+}
+
+ServiceSession::ServiceSession()
+{
+    // The TV's own tools (chsmack, the app-user mapping) first, as on the TV.
+    std::string path = tvhost::Root() + "/usr/bin:" + std::getenv("PATH");
+    setenv("PATH", path.c_str(), 1);
+    QuietHost();
+}
+
+ServiceSession::~ServiceSession()
+{
+    if (m_bStarted)
+        Stop();
+}
+
+void ServiceSession::Reserve(std::size_t nEvents)
+{
+    if (!m_bStarted || m_nEvents + nEvents > kEventsPerManager)
+        Restart();
+    m_nEvents += nEvents;
+}
+
+void ServiceSession::Restart()
+{
+    if (m_bStarted)
+        Stop();
+    Start();
+}
+
+void ServiceSession::Start()
+{
+    SetLogging(false);
+    tvhost::mainloop::Attach();
+    tvhost::apps::SetInstalled(kWidgetApp, false);
+    tvhost::apps::SetRunning(kWidgetApp, false);
+    tvhost::network::SetType(3);
+    tvhost::settings::SetString(kLanguageKey, "en_US.UTF-8");
+    m_pSim.reset(new EngineSim);
+    tvhost::Reset();
+    tvhost::notifications::DrawTo(nullptr);
+
+    tvhost::apps::SetInstalled(kWidgetApp, true);
+    if (LumoraManagerTestPeer::Get().Construct() != 0) {
+        std::fprintf(stderr, "bench: the manager could not be constructed\n");
+        std::abort();
+    }
+    if (!tvhost::mainloop::RunUntil([&] { return m_pSim->Calls("qorv_register_callback") == 1; },
+                                    std::chrono::seconds(15))) {
+        std::fprintf(stderr, "bench: the engine did not start\n");
+        std::abort();
+    }
+    m_bStarted = true;
+    m_nEvents = 0;
+}
+
+void ServiceSession::Stop()
+{
+    SetLogging(false);
+    LumoraManagerTestPeer::TearDown();
+    m_pSim.reset();
+    tvhost::network::ClearOverride();
+    tvhost::mainloop::Detach();
+    m_bStarted = false;
+}
+
+int ServiceSession::Raise(int nEvent, const char *pParam1, const char *pParam2)
+{
+    return CLumoraQorvHelper::m_OnQorvEvent(nEvent, pParam1, pParam2);
+}
+
+} // namespace lumorabench
