@@ -37,4 +37,9 @@ void Track(bool bOn);
 // Nanoseconds the calling thread has spent inside the wrapped platform calls.
 long long PlatformNs();
 
+// While on, the wrapped calls answer at once as the host TV would at that
+// moment (widget installed, not running; notification accepted) without
+// reaching tvhost: what the service costs on a platform that is free.
+void AnswerAtOnce(bool bOn);
+
 } // namespace platformacct
