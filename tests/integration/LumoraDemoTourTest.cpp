@@ -7,7 +7,6 @@
 
 #include "LumoraTv.h"
 #include "Supervisor.h"
-#include "tvhost/network.h"
 
 using namespace std::chrono_literals;
 
@@ -24,7 +23,7 @@ std::vector<std::string> Lines(const std::string &text)
 
 class LumoraDemoTour : public ::testing::Test {
 protected:
-    void TearDown() override { tvhost::network::ClearOverride(); }
+    void TearDown() override { LeaveHostTvFresh(); }
 };
 
 } // namespace

@@ -9,7 +9,6 @@
 
 #include "LumoraTv.h"
 #include "Supervisor.h"
-#include "tvhost/network.h"
 #include "tvhost/tvhost.h"
 
 using namespace std::chrono_literals;
@@ -55,7 +54,7 @@ protected:
         ASSERT_TRUE(fs::exists(EngineLibrarySwap::Library())) << "build the engine first";
         ASSERT_EQ(LumoraTv({"reset"}).status, 0);
     }
-    void TearDown() override { tvhost::network::ClearOverride(); }
+    void TearDown() override { LeaveHostTvFresh(); }
 
     // Runs the service until the engine start failed and one more watchdog
     // message came; checks what a person can find out and that SIGTERM ends it.

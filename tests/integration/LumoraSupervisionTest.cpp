@@ -15,7 +15,6 @@
 
 #include "LumoraTv.h"
 #include "Supervisor.h"
-#include "tvhost/network.h"
 #include "tvhost/notifications.h"
 #include "tvhost/power.h"
 #include "tvhost/tvhost.h"
@@ -56,7 +55,7 @@ std::string Words(const noti::Record &r)
 
 class LumoraSupervision : public ::testing::Test {
 protected:
-    void TearDown() override { tvhost::network::ClearOverride(); }
+    void TearDown() override { LeaveHostTvFresh(); }
 };
 
 } // namespace

@@ -35,7 +35,7 @@ protected:
         ASSERT_FALSE(tvhost::notifications::remote::Ping(pid, error))
             << "a service (pid " << pid << ") runs on this build's host TV; these checks need it stopped";
     }
-    void TearDown() override { tvhost::network::ClearOverride(); }
+    void TearDown() override { LeaveHostTvFresh(); }
 };
 
 } // namespace

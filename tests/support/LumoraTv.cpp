@@ -10,6 +10,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "tvhost/network.h"
+
 namespace {
 
 // A temporary file, removed with the object.
@@ -104,4 +106,10 @@ bool WaitForPopups(size_t count, std::chrono::milliseconds timeout, std::vector<
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
+}
+
+void LeaveHostTvFresh()
+{
+    LumoraTv({"reset"});
+    tvhost::network::ClearOverride();
 }

@@ -23,3 +23,8 @@ std::string Describe(const std::vector<std::string> &args, const LumoraTvResult 
 // Polls `lumora-tv notifications --brief` until at least count pop-ups are on
 // screen; lines gets the last answer, one line per pop-up.
 bool WaitForPopups(size_t count, std::chrono::milliseconds timeout, std::vector<std::string> &lines);
+
+// Leaves the shared host TV root as the suites after this one expect it: the
+// fresh state of `lumora-tv reset` (so no scenario stays in the data folder)
+// and the network following the machine again.
+void LeaveHostTvFresh();
