@@ -70,6 +70,7 @@ std::string BlockedIn(const std::string &syscall)
     case 23: return "select";
     case 35: return "nanosleep";
     case 202: return "futex";
+    case 219: return "restart_syscall";
     case 230: return "clock_nanosleep";
     case 232: return "epoll_wait";
     case 270: return "pselect6";

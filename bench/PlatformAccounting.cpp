@@ -24,7 +24,11 @@ std::atomic<bool> g_bAnswerAtOnce{false};
 
 } // namespace
 
-bool AnsweringAtOnce();
+// Used by the wrappers below, outside this namespace.
+bool AnsweringAtOnce()
+{
+    return g_bAnswerAtOnce.load(std::memory_order_relaxed);
+}
 
 struct OwnerScope {
     Owner ePrevious;
@@ -148,17 +152,6 @@ void Release(void *p)
 
 } // namespace
 
-const char *OwnerName(Owner eOwner)
-{
-    switch (eOwner) {
-    case kAddNotification: return "add_notification_data";
-    case kWasAppInfo: return "was_get_app_info";
-    case kWasAppStatus: return "was_get_app_status";
-    case kDlog: return "__dlog_vprint";
-    default: return "untracked";
-    }
-}
-
 long long HeapInUse()
 {
     struct mallinfo2 mi = mallinfo2();
@@ -173,11 +166,6 @@ long long PlatformNs()
 void AnswerAtOnce(bool bOn)
 {
     g_bAnswerAtOnce = bOn;
-}
-
-bool AnsweringAtOnce()
-{
-    return g_bAnswerAtOnce.load(std::memory_order_relaxed);
 }
 
 Live Tracked()

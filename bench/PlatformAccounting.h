@@ -19,8 +19,6 @@ enum Owner : unsigned char {
     kOwners
 };
 
-const char *OwnerName(Owner eOwner);
-
 // Bytes of heap in use (chunks in the arenas plus mmapped chunks).
 long long HeapInUse();
 

@@ -8,7 +8,6 @@
 #include <string>
 
 #include "EngineDocuments.h"
-
 #include "EngineSim.h"
 #include "LumoraQorvHelper.h"
 #include "ManagerFixture.h"
@@ -66,6 +65,7 @@ void ServiceSession::Restart()
     Start();
 }
 
+// As the manager suites set the TV up, then the widget installed.
 void ServiceSession::Start()
 {
     SetLogging(false);
