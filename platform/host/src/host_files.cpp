@@ -16,6 +16,10 @@ namespace detail {
 std::string StateDir(const std::string &area)
 {
     std::string dir = Root() + "/opt/var/tvhost/" + area;
+    // Asked for on every platform call: one stat when the folder is there.
+    struct stat st;
+    if (stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+        return dir;
     std::error_code ec;
     std::filesystem::create_directories(dir, ec);
     return dir;

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "fault.h"
+#include "host_files.h"
 #include "registry.h"
 #include "tvhost/network.h"
 #include "tvhost/tvhost.h"
@@ -44,25 +45,12 @@ Ecore_Fd_Handler *g_pInotifyHandler = nullptr;
 
 std::string OverrideDir()
 {
-    return tvhost::Root() + "/opt/var/tvhost/network";
+    return tvhost::detail::StateDir("network");
 }
 
 std::string OverrideFile()
 {
     return OverrideDir() + "/type";
-}
-
-void MakeDirs(const std::string &path)
-{
-    std::string partial;
-    std::stringstream ss(path);
-    std::string piece;
-    while (std::getline(ss, piece, '/')) {
-        if (piece.empty())
-            continue;
-        partial += "/" + piece;
-        mkdir(partial.c_str(), 0755);
-    }
 }
 
 bool IsWireless(const std::string &iface)
@@ -166,7 +154,6 @@ void StartWatching()
         if (bind(g_nNetlinkFd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) == 0)
             g_pNetlinkHandler = ecore_main_fd_handler_add(g_nNetlinkFd, ECORE_FD_READ, OnNetlink, nullptr, nullptr, nullptr);
     }
-    MakeDirs(OverrideDir());
     g_nInotifyFd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
     if (g_nInotifyFd >= 0 &&
         inotify_add_watch(g_nInotifyFd, OverrideDir().c_str(), IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE) >= 0)
@@ -288,7 +275,6 @@ int CurrentType()
 
 void SetType(int nType)
 {
-    MakeDirs(OverrideDir());
     std::string tmp = OverrideFile() + ".tmp";
     {
         std::ofstream out(tmp, std::ios::trunc);
