@@ -107,8 +107,10 @@ void RunOnMainLoop(std::function<void()> fn)
 
 const std::string &Root()
 {
-    static const std::string root = LUMORA_TV_ROOT;
-    return root;
+    // Never destroyed: tvhost's own threads (notification delivery) may still
+    // build paths while the process's statics go at exit.
+    static const std::string *root = new std::string(LUMORA_TV_ROOT);
+    return *root;
 }
 
 void Reset()
