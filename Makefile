@@ -4,39 +4,65 @@ SHELL := /bin/bash
 .DEFAULT_GOAL := test
 HAVE_CLANG := $(shell command -v clang++ >/dev/null 2>&1 && echo yes)
 
-.PHONY: deps build test test-host test-asan test-fuzz demo check clean
+# Build trees of the presets; another set keeps a second checkout's or a
+# second person's trees apart, e.g. make check HOST_DIR=build/mine ...
+HOST_DIR ?= build/host
+ASAN_DIR ?= build/asan
+TSAN_DIR ?= build/tsan
+FUZZ_DIR ?= build/fuzz
+JOBS ?= 2
+# Seconds of each long fuzz run of `make check` (one per parser target).
+FUZZ_SECONDS ?= 60
+
+# Configure a preset into a tree, build it, run its suites. The sanitizer
+# options of the suites are part of the tree's tests (tests/CMakeLists.txt).
+define preset_test
+	cmake --preset $(1) -B $(2) $(3)
+	cmake --build $(2) -j $(JOBS)
+	ctest --test-dir $(2) --output-on-failure $(4)
+endef
+
+.PHONY: deps build test test-host test-asan test-tsan test-fuzz fuzz-long demo check clean
 
 deps:
 	@scripts/install-deps
 
 build: deps
-	cmake --preset host
-	cmake --build --preset host
+	cmake --preset host -B $(HOST_DIR)
+	cmake --build $(HOST_DIR) -j $(JOBS)
 
 test-host: deps
-	cmake --preset host
-	cmake --build --preset host
-	ctest --preset host
+	$(call preset_test,host,$(HOST_DIR))
 
 test-asan: deps
-	cmake --preset asan
-	cmake --build --preset asan
-	ctest --preset asan
+	$(call preset_test,asan,$(ASAN_DIR))
+
+test-tsan: deps
+	$(call preset_test,tsan,$(TSAN_DIR))
 
 test-fuzz: deps
 ifeq ($(HAVE_CLANG),yes)
-	cmake --preset fuzz
-	cmake --build --preset fuzz
-	ctest --preset fuzz
+	$(call preset_test,fuzz,$(FUZZ_DIR),,-LE long)
 else
 	@echo "test-fuzz: clang++ not found, fuzz smoke runs skipped"
+endif
+
+fuzz-long: deps
+ifeq ($(HAVE_CLANG),yes)
+	$(call preset_test,fuzz,$(FUZZ_DIR),-DLUMORA_FUZZ_SECONDS=$(FUZZ_SECONDS),-L long)
+else
+	@echo "fuzz-long: clang++ not found, long fuzz runs skipped"
 endif
 
 # Every suite on the normal build and under ASan+UBSan, then the fuzz smoke runs.
 test: test-host test-asan test-fuzz
 
+# What `make test` does, then every suite under ThreadSanitizer and a long
+# run of each fuzz target (FUZZ_SECONDS each).
+check: test test-tsan fuzz-long
+
 demo: build
-	@scripts/demo
+	@LUMORA_DEMO_BUILD=$(abspath $(HOST_DIR)) scripts/demo
 
 # Benchmarks (Release tree build/bench): Google Benchmark's output, then one
 # table of the numbers beside their targets. Fails only if a program does.
