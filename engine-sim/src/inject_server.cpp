@@ -17,7 +17,8 @@ namespace qorvsim {
 namespace {
 
 constexpr size_t kMaxHeader = 128;
-constexpr size_t kMaxText = 16u << 20;
+// Room for the hostile-input suites' documents of tens of megabytes.
+constexpr size_t kMaxText = 64u << 20;
 constexpr size_t kMaxClients = 32;
 
 bool MakeAddress(const std::string &strPath, sockaddr_un &addr)

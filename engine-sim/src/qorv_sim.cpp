@@ -94,13 +94,19 @@ QORV_EXPORT int qorv_stop()
 }
 #endif
 
+#ifndef QORV_SIM_NO_REGISTER
 QORV_EXPORT int qorv_register_callback(qorvsim::EventCallback pfnCallback)
 {
     g_engine.Count("qorv_register_callback");
+#ifdef QORV_SIM_REGISTER_FAILS
+    Trace("callback refused (this engine is built to fail its registration)");
+    return 0;
+#endif
     g_engine.SetCallback(pfnCallback);
     Trace(pfnCallback ? "callback registered" : "callback removed");
     return pfnCallback != nullptr;
 }
+#endif
 
 QORV_EXPORT const char *qorv_excute(const char *pCommand, const char *pParam1, const char *pParam2,
                                    const char *pParam3, const char *pParam4)
@@ -133,6 +139,10 @@ QORV_EXPORT const char *qorv_excute(const char *pCommand, const char *pParam1, c
 QORV_EXPORT int qorv_refresh()
 {
     g_engine.Count("qorv_refresh");
+#ifdef QORV_SIM_REFRESH_FAILS
+    Trace("refresh refused (this engine is built to fail its refresh)");
+    return 0;
+#endif
     if (!g_engine.RequestRefresh()) {
         Trace("refresh refused: not started");
         return 0;

@@ -20,6 +20,9 @@ using namespace tvhost::detail::apps;
 extern "C" int app_control_create(app_control_h *app_control)
 {
     CountCall("app_control_create");
+    int nFault;
+    if (TakeResult("app_control_create", nFault))
+        return nFault;
     if (!app_control)
         return APP_CONTROL_ERROR_INVALID_PARAMETER;
     *app_control = new (std::nothrow) app_control_s;
@@ -29,6 +32,9 @@ extern "C" int app_control_create(app_control_h *app_control)
 extern "C" int app_control_destroy(app_control_h app_control)
 {
     CountCall("app_control_destroy");
+    int nFault;
+    if (TakeResult("app_control_destroy", nFault))
+        return nFault;
     if (!app_control)
         return APP_CONTROL_ERROR_INVALID_PARAMETER;
     delete app_control;
@@ -38,6 +44,9 @@ extern "C" int app_control_destroy(app_control_h app_control)
 extern "C" int app_control_set_operation(app_control_h app_control, const char *operation)
 {
     CountCall("app_control_set_operation");
+    int nFault;
+    if (TakeResult("app_control_set_operation", nFault))
+        return nFault;
     if (!app_control)
         return APP_CONTROL_ERROR_INVALID_PARAMETER;
     app_control->operation = operation ? operation : "";
@@ -47,6 +56,9 @@ extern "C" int app_control_set_operation(app_control_h app_control, const char *
 extern "C" int app_control_set_app_id(app_control_h app_control, const char *app_id)
 {
     CountCall("app_control_set_app_id");
+    int nFault;
+    if (TakeResult("app_control_set_app_id", nFault))
+        return nFault;
     if (!app_control)
         return APP_CONTROL_ERROR_INVALID_PARAMETER;
     app_control->appId = app_id ? app_id : "";
@@ -56,6 +68,9 @@ extern "C" int app_control_set_app_id(app_control_h app_control, const char *app
 extern "C" int app_control_add_extra_data(app_control_h app_control, const char *key, const char *value)
 {
     CountCall("app_control_add_extra_data");
+    int nFault;
+    if (TakeResult("app_control_add_extra_data", nFault))
+        return nFault;
     if (!app_control || !key || !*key || !value)
         return APP_CONTROL_ERROR_INVALID_PARAMETER;
     for (auto &kv : app_control->extraData) {
@@ -75,6 +90,9 @@ extern "C" int app_control_send_launch_request(app_control_h app_control, app_co
     (void)callback;
     (void)user_data;
     CountCall("app_control_send_launch_request");
+    int nFault;
+    if (TakeResult("app_control_send_launch_request", nFault))
+        return nFault;
     if (!app_control)
         return APP_CONTROL_ERROR_INVALID_PARAMETER;
     int result = APP_CONTROL_ERROR_NONE;

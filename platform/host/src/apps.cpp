@@ -1,6 +1,7 @@
 // The host TV's applications: installed and running state as marker files
 // under the TV root, shared by every process; faults and records per process.
 #include <deque>
+#include <map>
 #include <mutex>
 #include <utility>
 
@@ -28,6 +29,7 @@ std::deque<int> g_appInfoResults;
 std::deque<StatusAnswer> g_appStatusResults;
 std::deque<int> g_launchResults;
 std::vector<tvhost::apps::Launch> g_launches;
+std::map<std::string, std::deque<int>> g_results;
 
 ResetHook g_reset([] {
     std::lock_guard<std::mutex> lock(g_mutex);
@@ -36,6 +38,7 @@ ResetHook g_reset([] {
     g_appStatusResults.clear();
     g_launchResults.clear();
     g_launches.clear();
+    g_results.clear();
 });
 
 std::string MarkerOf(const char *state, const std::string &appId)
@@ -86,6 +89,17 @@ bool TakeAppStatusResult(int &result, int &status)
 bool TakeLaunchResult(int &result)
 {
     return Take(g_launchResults, result);
+}
+
+bool TakeResult(const char *function, int &result)
+{
+    std::lock_guard<std::mutex> lock(g_mutex);
+    auto it = g_results.find(function);
+    if (it == g_results.end() || it->second.empty())
+        return false;
+    result = it->second.front();
+    it->second.pop_front();
+    return true;
 }
 
 void RecordLaunch(tvhost::apps::Launch launch)
@@ -156,6 +170,12 @@ void QueueLaunchResult(int result)
 {
     std::lock_guard<std::mutex> lock(g_mutex);
     g_launchResults.push_back(result);
+}
+
+void QueueResult(const std::string &function, int result)
+{
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_results[function].push_back(result);
 }
 
 int CallCount(const std::string &function)

@@ -16,6 +16,8 @@ void CountCall(const char *function);
 bool TakeAppInfoResult(int &result);
 bool TakeAppStatusResult(int &result, int &status);
 bool TakeLaunchResult(int &result);
+// For any app_control_* function queued with tvhost::apps::QueueResult.
+bool TakeResult(const char *function, int &result);
 
 void RecordLaunch(tvhost::apps::Launch launch);
 

@@ -1,6 +1,7 @@
 // Internal to tvhost: per-function call counts and queued fault results.
 #pragma once
 
+#include <cstdlib>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -11,6 +12,25 @@ namespace detail {
 
 class FaultTable {
 public:
+    // A process started with TVHOST_FAULTS="function=result,..." (an end-to-end
+    // test's service) begins with those results queued, one call each, in
+    // order. Entries for functions of other tables are never asked for.
+    FaultTable()
+    {
+        const char *pFaults = std::getenv("TVHOST_FAULTS");
+        std::string entries = pFaults ? pFaults : "";
+        for (size_t start = 0; start < entries.size();) {
+            size_t end = entries.find(',', start);
+            std::string entry = entries.substr(start, end == std::string::npos ? std::string::npos : end - start);
+            size_t eq = entry.find('=');
+            if (eq != std::string::npos && eq > 0)
+                m_queued[entry.substr(0, eq)].push_back(std::atoi(entry.c_str() + eq + 1));
+            if (end == std::string::npos)
+                break;
+            start = end + 1;
+        }
+    }
+
     // Counts a call of function; true with the queued result if one was waiting.
     bool Call(const std::string &function, int &result)
     {

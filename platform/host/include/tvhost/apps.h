@@ -32,6 +32,10 @@ void QueueAppInfoResult(int result, int times = 1);
 void QueueAppStatusResult(int result, int status = 0, int times = 1);
 // The next launch request returns result; a non-zero result launches nothing.
 void QueueLaunchResult(int result);
+// The next call of an app_control_* function (e.g. "app_control_create")
+// returns result and does nothing else: a failing create leaves the handle
+// as it was.
+void QueueResult(const std::string &function, int result);
 
 // Calls of a was_* or app_control_* function since the last reset.
 int CallCount(const std::string &function);

@@ -20,6 +20,8 @@ void ClearOverride();
 
 // The next call of function ("connection_create", "connection_set_type_changed_cb",
 // "connection_destroy") returns result instead of doing its work.
+// A process started with TVHOST_FAULTS="function=result,..." begins with
+// those results queued (how an end-to-end test fails the service's calls).
 void QueueResult(const std::string &function, int result);
 int CallCount(const std::string &function);
 
