@@ -57,6 +57,7 @@ struct Service {
     std::map<int, Record> shown;
     std::vector<Removal> removals;
     std::vector<std::string> calls;
+    std::map<std::string, int> callCounts;
     std::map<std::string, std::deque<int>> faults;
 
     std::deque<Delivery> queue;
@@ -70,6 +71,17 @@ struct Service {
     std::thread worker;
 };
 
+// What a running service has posted, removed and called is kept for the
+// test-control API; a service that runs for days keeps only the latest.
+const size_t kHistory = 4096;
+
+template <typename V>
+void Trim(V &v)
+{
+    if (v.size() > 2 * kHistory)
+        v.erase(v.begin(), v.begin() + static_cast<long>(v.size() - kHistory));
+}
+
 // Never destroyed: the delivery thread may still use it while statics go.
 Service &S()
 {
@@ -81,6 +93,8 @@ Service &S()
 bool Enter(Service &s, const char *fn, int &nFault)
 {
     s.calls.emplace_back(fn);
+    Trim(s.calls);
+    ++s.callCounts[fn];
     auto it = s.faults.find(fn);
     if (it == s.faults.end() || it->second.empty())
         return false;
@@ -219,6 +233,12 @@ std::FILE *DrawStreamLocked()
         }
     }
     return g_pDraw;
+}
+
+bool Drawing()
+{
+    std::lock_guard<std::mutex> lock(g_drawMutex);
+    return DrawStreamLocked() != nullptr;
 }
 
 void Draw(const std::string &text)
@@ -431,10 +451,8 @@ std::vector<std::string> Calls()
 int CallCount(const std::string &fn)
 {
     std::lock_guard<std::mutex> lock(S().mutex);
-    int n = 0;
-    for (const auto &c : S().calls)
-        n += (c == fn);
-    return n;
+    auto it = S().callCounts.find(fn);
+    return it == S().callCounts.end() ? 0 : it->second;
 }
 
 void QueueResult(const std::string &fn, int result)
@@ -556,6 +574,7 @@ tvhost::detail::ResetHook g_reset([] {
     s.shown.clear();
     s.removals.clear();
     s.calls.clear();
+    s.callCounts.clear();
     s.faults.clear();
     s.bBusy = false;
     s.nDelivered = 0;
@@ -1148,9 +1167,11 @@ extern "C" int add_notification_data(const notification_data_t *data)
             return -1;
         record = tvhost::notifications::CopyRecord(*data);
         s.posted.push_back(record);
+        tvhost::notifications::Trim(s.posted);
         s.shown[record.itemId] = record;
     }
-    tvhost::notifications::Draw(tvhost::notifications::Render(record));
+    if (tvhost::notifications::Drawing())
+        tvhost::notifications::Draw(tvhost::notifications::Render(record));
     return 0;
 }
 
@@ -1166,6 +1187,7 @@ extern "C" int remove_notification_data(const char *app_id, int item_id)
         auto it = s.shown.find(item_id);
         bool bFound = it != s.shown.end() && it->second.appId.value_or("") == strAppId;
         s.removals.push_back({strAppId, item_id, bFound});
+        tvhost::notifications::Trim(s.removals);
         if (!bFound)
             return -1;
         s.shown.erase(it);

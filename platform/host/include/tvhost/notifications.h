@@ -40,7 +40,8 @@ struct Removal {
 };
 
 // Every record accepted by add_notification_data, in order (later posts of the
-// same item id included).
+// same item id included). Posted, Removals and Calls keep at least the latest
+// 4096 entries; the counts of CallCount are kept whole.
 std::vector<Record> Posted();
 // Notifications on screen now, in item id order.
 std::vector<Record> Shown();
