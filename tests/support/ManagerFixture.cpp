@@ -14,7 +14,12 @@ const char *const kLanguageKey = "db/menu_widget/language";
 void LumoraManagerTestPeer::TearDown()
 {
     if (LumoraManager::m_pInstance) {
+        connection_h hConnection = LumoraManager::m_pInstance->m_connection;
         LumoraManager::m_pInstance->Destory();
+        // Destory hands the platform the handle's address, as defined, so the
+        // handle itself is still open: released here, or it leaks per test.
+        if (hConnection)
+            connection_destroy(hConnection);
         LumoraManager::ReleaseInstance();
     }
     LumoraManager::m_pWidgetCheckerPipe = nullptr;
