@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "apps_registry.h"
+#include "fault.h"
 #include "host_files.h"
 #include "registry.h"
 #include "tvhost/settings.h"
@@ -25,6 +26,7 @@ struct StatusAnswer {
 
 std::mutex g_mutex;
 std::vector<std::string> g_calls;
+std::map<std::string, int> g_callCounts;
 std::deque<int> g_appInfoResults;
 std::deque<StatusAnswer> g_appStatusResults;
 std::deque<int> g_launchResults;
@@ -34,6 +36,7 @@ std::map<std::string, std::deque<int>> g_results;
 ResetHook g_reset([] {
     std::lock_guard<std::mutex> lock(g_mutex);
     g_calls.clear();
+    g_callCounts.clear();
     g_appInfoResults.clear();
     g_appStatusResults.clear();
     g_launchResults.clear();
@@ -69,6 +72,8 @@ void CountCall(const char *function)
 {
     std::lock_guard<std::mutex> lock(g_mutex);
     g_calls.emplace_back(function);
+    TrimHistory(g_calls);
+    ++g_callCounts[function];
 }
 
 bool TakeAppInfoResult(int &result)
@@ -106,6 +111,7 @@ void RecordLaunch(tvhost::apps::Launch launch)
 {
     std::lock_guard<std::mutex> lock(g_mutex);
     g_launches.push_back(std::move(launch));
+    TrimHistory(g_launches);
 }
 
 } // namespace apps
@@ -181,10 +187,8 @@ void QueueResult(const std::string &function, int result)
 int CallCount(const std::string &function)
 {
     std::lock_guard<std::mutex> lock(g_mutex);
-    int n = 0;
-    for (const auto &name : g_calls)
-        n += (name == function);
-    return n;
+    auto it = g_callCounts.find(function);
+    return it == g_callCounts.end() ? 0 : it->second;
 }
 
 std::vector<std::string> Calls()

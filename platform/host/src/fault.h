@@ -10,6 +10,17 @@
 namespace tvhost {
 namespace detail {
 
+// What a running service called and posted is kept for the test-control API;
+// a service that runs for days keeps only the latest kHistory entries or more.
+const size_t kHistory = 4096;
+
+template <typename V>
+void TrimHistory(V &v)
+{
+    if (v.size() > 2 * kHistory)
+        v.erase(v.begin(), v.begin() + static_cast<long>(v.size() - kHistory));
+}
+
 class FaultTable {
 public:
     // A process started with TVHOST_FAULTS="function=result,..." (an end-to-end

@@ -26,6 +26,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "fault.h"
 #include "registry.h"
 #include "tvhost/notifications.h"
 #include "tvhost/tvhost.h"
@@ -71,16 +72,7 @@ struct Service {
     std::thread worker;
 };
 
-// What a running service has posted, removed and called is kept for the
-// test-control API; a service that runs for days keeps only the latest.
-const size_t kHistory = 4096;
-
-template <typename V>
-void Trim(V &v)
-{
-    if (v.size() > 2 * kHistory)
-        v.erase(v.begin(), v.begin() + static_cast<long>(v.size() - kHistory));
-}
+using tvhost::detail::TrimHistory;
 
 // Never destroyed: the delivery thread may still use it while statics go.
 Service &S()
@@ -93,7 +85,7 @@ Service &S()
 bool Enter(Service &s, const char *fn, int &nFault)
 {
     s.calls.emplace_back(fn);
-    Trim(s.calls);
+    TrimHistory(s.calls);
     ++s.callCounts[fn];
     auto it = s.faults.find(fn);
     if (it == s.faults.end() || it->second.empty())
@@ -1167,7 +1159,7 @@ extern "C" int add_notification_data(const notification_data_t *data)
             return -1;
         record = tvhost::notifications::CopyRecord(*data);
         s.posted.push_back(record);
-        tvhost::notifications::Trim(s.posted);
+        tvhost::detail::TrimHistory(s.posted);
         s.shown[record.itemId] = record;
     }
     if (tvhost::notifications::Drawing())
@@ -1187,7 +1179,7 @@ extern "C" int remove_notification_data(const char *app_id, int item_id)
         auto it = s.shown.find(item_id);
         bool bFound = it != s.shown.end() && it->second.appId.value_or("") == strAppId;
         s.removals.push_back({strAppId, item_id, bFound});
-        tvhost::notifications::Trim(s.removals);
+        tvhost::detail::TrimHistory(s.removals);
         if (!bFound)
             return -1;
         s.shown.erase(it);
