@@ -5,6 +5,8 @@
 
 #include <Ecore.h>
 #include <clocale>
+#include <csignal>
+#include <pthread.h>
 #include <cstdlib>
 #include <libintl.h>
 #include <string>
@@ -57,8 +59,22 @@ extern "C" int appcore_efl_main(const char *name, int *argc, char ***argv, struc
     tvhost::detail::SetMainLoopActive(true);
     tvhost::detail::SetMainLoopQuitter([] { ecore_main_loop_thread_safe_call_async(QuitOnLoop, nullptr); });
 
+    // The threads that platform services start during create (the
+    // notification service's) inherit a mask without the process's
+    // asynchronous signals, as on the TV, where those services live in other
+    // processes: SIGCHLD of the data folder's commands and SIGTERM then reach
+    // this thread, whose main loop reads what Ecore's handler wrote, and never
+    // a thread whose handler write races with Ecore's shutdown closing its pipe.
+    sigset_t async, previous;
+    sigfillset(&async);
+    for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT})
+        sigdelset(&async, sig);
+    pthread_sigmask(SIG_BLOCK, &async, &previous);
+    const bool bCreated = !ops->create || ops->create(ops->data) == 0;
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+
     int nResult = 0;
-    if (ops->create && ops->create(ops->data) != 0) {
+    if (!bCreated) {
         nResult = -1;
     } else {
         ecore_main_loop_begin();
