@@ -117,7 +117,7 @@ TEST_F(PlatformFault, NotificationServiceFailuresAreIgnoredAndEveryItemIsStillFr
     CDeviceNotification notification;
     ASSERT_TRUE(notification.Parse(kNotification, ""));
 
-    // Set-up refused: posts go on (and fail without a service), ids are
+    // Set-up refused: posts go on (failing while the service is not set up), ids are
     // consumed, presses reach the presenter only through its button callback,
     // and the end still removes each item.
     struct Refusal {
