@@ -61,7 +61,12 @@ test: test-host test-asan test-fuzz
 # run of each fuzz target (FUZZ_SECONDS each).
 check: test test-tsan fuzz-long
 
-demo: build
+# Only what the tour runs: the service, lumora-tv, the engine and the TV root.
+DEMO_TARGETS := lumora lumora-tv qorv_helper tvroot_files lumora_translations
+
+demo: deps
+	cmake --preset host -B $(HOST_DIR)
+	cmake --build $(HOST_DIR) -j $(JOBS) --target $(DEMO_TARGETS)
 	@LUMORA_DEMO_BUILD=$(abspath $(HOST_DIR)) scripts/demo
 
 # Benchmarks (Release tree build/bench): Google Benchmark's output, then one
