@@ -57,37 +57,83 @@ void Supervisor::Listen()
 
 void Supervisor::Start(const std::vector<std::string> &runArgs, const std::vector<std::string> &env)
 {
-    const std::string binary = LumoraTvBinary();
-    std::vector<std::string> args{binary, "run"};
-    args.insert(args.end(), runArgs.begin(), runArgs.end());
-    std::vector<char *> argv;
-    for (auto &a : args)
-        argv.push_back(&a[0]);
-    argv.push_back(nullptr);
+    std::vector<std::string> argv{LumoraTvBinary(), "run"};
+    argv.insert(argv.end(), runArgs.begin(), runArgs.end());
+    Spawn(std::move(argv), env);
+}
+
+void Supervisor::StartService(const std::vector<std::string> &args, const std::vector<std::string> &env)
+{
+    std::vector<std::string> argv{std::string(LUMORA_BINARY_DIR) + "/src/lumora"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    Spawn(std::move(argv), env);
+}
+
+namespace {
+
+// The environment of the child: this process's, with the log and the drawings
+// going to the captured output and the given entries on top.
+std::vector<std::string> ChildEnvironment(const std::vector<std::string> &extra)
+{
+    std::vector<std::string> env;
+    std::string asan = "ASAN_OPTIONS=";
+    for (char **e = environ; *e; ++e) {
+        const std::string entry = *e;
+        const std::string name = entry.substr(0, entry.find('='));
+        if (name == "ASAN_OPTIONS")
+            asan = entry + ":";
+        else if (name != "TVHOST_LOG" && name != "TVHOST_LOG_STDERR" && name != "TVHOST_DRAW")
+            env.push_back(entry);
+    }
+    // libxml2 has no frame pointers: with the fast unwinder the stacks of its
+    // allocations end inside it, and the leak suppressions of what the service
+    // keeps on purpose (tests/lsan.supp) cannot match them.
+    env.push_back(asan + "fast_unwind_on_malloc=0");
+    env.push_back("TVHOST_LOG_STDERR=1");
+    env.push_back("TVHOST_DRAW=stdout");
+    for (const std::string &e : extra) {
+        const std::string name = e.substr(0, e.find('=') + 1);
+        env.erase(std::remove_if(env.begin(), env.end(),
+                                 [&](const std::string &have) { return have.compare(0, name.size(), name) == 0; }),
+                  env.end());
+        env.push_back(e);
+    }
+    return env;
+}
+
+std::vector<char *> Pointers(std::vector<std::string> &texts)
+{
+    std::vector<char *> out;
+    for (std::string &t : texts)
+        out.push_back(&t[0]);
+    out.push_back(nullptr);
+    return out;
+}
+
+} // namespace
+
+// Everything is prepared before fork: this process has threads (the listener,
+// gtest's), so the child may only make async-signal-safe calls until it execs.
+// A malloc there can wait forever on a lock another thread held at the fork.
+void Supervisor::Spawn(std::vector<std::string> argv, const std::vector<std::string> &env)
+{
+    std::vector<std::string> envTexts = ChildEnvironment(env);
+    std::vector<char *> argp = Pointers(argv);
+    std::vector<char *> envp = Pointers(envTexts);
+    const char *logPath = m_strLogPath.c_str();
 
     m_started = Clock::now();
     pid_t pid = fork();
     if (pid < 0)
         throw std::runtime_error("fork failed");
     if (pid == 0) {
-        int fd = open(m_strLogPath.c_str(), O_WRONLY | O_TRUNC);
-        if (fd >= 0) {
-            dup2(fd, STDOUT_FILENO);
-            dup2(fd, STDERR_FILENO);
-            close(fd);
-        }
-        // The log and the drawings are what the tests read.
-        unsetenv("TVHOST_LOG");
-        setenv("TVHOST_LOG_STDERR", "1", 1);
-        setenv("TVHOST_DRAW", "stdout", 1);
-        // libxml2 has no frame pointers: with the fast unwinder the stacks of
-        // its allocations end inside it, and the leak suppressions of what the
-        // service keeps on purpose (tests/lsan.supp) cannot match them.
-        const char *asan = getenv("ASAN_OPTIONS");
-        setenv("ASAN_OPTIONS", ((asan && *asan ? std::string(asan) + ":" : "") + "fast_unwind_on_malloc=0").c_str(), 1);
-        for (const auto &e : env)
-            putenv(const_cast<char *>(e.c_str()));
-        execv(binary.c_str(), argv.data());
+        int fd = open(logPath, O_WRONLY | O_TRUNC);
+        if (fd < 0)
+            _exit(126);
+        dup2(fd, STDOUT_FILENO);
+        dup2(fd, STDERR_FILENO);
+        close(fd);
+        execve(argp[0], argp.data(), envp.data());
         _exit(127);
     }
     m_pid = pid;

@@ -1,8 +1,8 @@
 // A stand-in for systemd supervising the real service: it binds NOTIFY_SOCKET,
-// starts the service the way a developer does (`lumora-tv run`, which execs
-// it) with its log and drawings in a file, and records every readiness and
-// watchdog message with its arrival time on a thread of its own, so that the
-// gaps are measured while a test drives the service.
+// starts the service, either the way a developer does (`lumora-tv run`, which
+// execs it) or the binary itself, with its log and drawings in a file, and
+// records every readiness and watchdog message with its arrival time on a
+// thread of its own, so that the gaps are measured while a test drives it.
 #pragma once
 
 #include <chrono>
@@ -22,8 +22,11 @@ public:
     Supervisor();
     ~Supervisor();  // kills the service (SIGKILL) if it still runs
 
-    // Runs `lumora-tv run <runArgs>` with these extra environment entries.
+    // Runs `lumora-tv run <runArgs>` with these extra environment entries
+    // ("NAME=value").
     void Start(const std::vector<std::string> &runArgs, const std::vector<std::string> &env = {});
+    // Runs the service binary itself, with these arguments, as systemd does.
+    void StartService(const std::vector<std::string> &args, const std::vector<std::string> &env = {});
     pid_t Pid() const { return m_pid; }
     Clock::time_point StartedAt() const { return m_started; }
 
@@ -44,6 +47,7 @@ public:
 
 private:
     void Listen();
+    void Spawn(std::vector<std::string> argv, const std::vector<std::string> &env);
 
     NotifySocket m_socket;
     std::string m_strLogPath;
