@@ -13,12 +13,10 @@
 #include <malloc.h>
 
 #include <atomic>
-#include <csignal>
 #include <cstdlib>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -191,14 +189,8 @@ TEST(LumoraLoad, AStormWithPressesAndLanguageFlipsKeepsTheServiceUpFedAndItsMemo
     log = tv.Log();
     tally = Read(log);
 
-    tv.Signal(SIGTERM);
-    const int status = tv.Wait(30s);
-    const auto ended = Supervisor::Clock::now();
-    ASSERT_NE(status, -1);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    Supervision seen = Judge(tv.Messages(), pid, tv.StartedAt(), ended);
-    EXPECT_TRUE(seen.problems.empty()) << ::testing::PrintToString(seen.problems);
-    EXPECT_LE(seen.longestGap, 8s) << "a 6 s watchdog period and a margin";
+    const Supervision seen = tv.Terminate(30s);
+    ExpectSupervised(seen);
 
     // Work was done on every side.
     const double dSeconds = std::chrono::duration<double>(stormEnd - stormStart).count();

@@ -1,12 +1,13 @@
 // The service as systemd and a platform engineer see it over half a minute:
 // readiness and an unbroken watchdog while the main loop sleeps before the
 // engine start, a widget installed after the start, an event injected from
-// another process, the pop-up it shows and its buttons, and SIGTERM.
+// another process, the pop-up it shows and its buttons, and SIGTERM; and the
+// binary started directly, as systemd starts it on the TV.
 #include <gtest/gtest.h>
 
 #include <device/power.h>
 
-#include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -129,17 +130,42 @@ TEST_F(LumoraSupervision, StaysReadyAndFedWhileAWidgetInstalledLateStartsTheEngi
     // Half a minute under supervision, then the supervisor stops it.
     std::this_thread::sleep_until(tv.StartedAt() + 30s);
     ASSERT_TRUE(tv.Running()) << tv.Log();
-    tv.Signal(SIGTERM);
-    const int status = tv.Wait(15s);
-    const auto ended = Supervisor::Clock::now();
-    ASSERT_NE(status, -1) << "no exit within a watchdog period after SIGTERM";
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << "\n" << tv.Log();
+    ExpectSupervised(tv.Terminate(), 4);
     EXPECT_EQ(tv.CountInLog("main.cpp:_app_terminate("), 1);
     EXPECT_EQ(tv.CountInLog("############ Out LumoraApp Main, ret is 0 ############"), 1);
     EXPECT_FALSE(std::filesystem::exists(noti::ControlSocketPath())) << "the control socket goes with the service";
+}
 
-    Supervision seen = Judge(tv.Messages(), pid, tv.StartedAt(), ended);
-    EXPECT_TRUE(seen.problems.empty()) << ::testing::PrintToString(seen.problems);
-    EXPECT_GE(seen.nWatchdogs, 4);
-    EXPECT_LE(seen.longestGap, 8s) << "a 6 s watchdog period and a margin, the 3 s sleep before the engine start included";
+// As systemd starts it on the TV: the binary itself, the widget installed before.
+TEST_F(LumoraSupervision, StartedDirectlyWithTheWidgetInstalledStartsTheEngineInTheTvLanguage)
+{
+    ASSERT_EQ(LumoraTv({"reset"}).status, 0);
+    ASSERT_EQ(LumoraTv({"set", "db/menu_widget/language", "de_DE.UTF-8"}).status, 0);
+    Supervisor tv;
+    tv.StartService({"--from-test"});
+    ASSERT_TRUE(tv.WaitForLog("Success to start qorv!", 10s)) << tv.Log();
+    EXPECT_TRUE(tv.WaitForLog("CLumoraQorvHelper Begin to Execute strParam1 = de_DE!", 5s)) << tv.Log();
+    EXPECT_EQ(tv.CountInLog("argv[1]-----[--from-test]"), 1);
+    ASSERT_TRUE(tv.WaitForMessages(4, 10s)) << "readiness and the first watchdog messages";
+    ExpectSupervised(tv.Terminate());
+}
+
+TEST_F(LumoraSupervision, CreateFailsWhenTheDataFolderCannotBePrepared)
+{
+    ASSERT_EQ(LumoraTv({"reset"}).status, 0);
+    const std::string tools = tvhost::Root() + "/../failing-tools";
+    std::filesystem::create_directories(tools);
+    std::ofstream(tools + "/mkdir") << "#!/bin/sh\nexit 1\n";
+    std::filesystem::permissions(tools + "/mkdir", std::filesystem::perms::owner_all);
+
+    Supervisor tv;
+    tv.StartService({}, {"PATH=" + tools + ":" + std::getenv("PATH")});
+    const int status = tv.Wait(20s);
+    ASSERT_NE(status, -1) << tv.Log();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "main returns 0 whatever the framework says";
+    EXPECT_EQ(tv.CountInLog("F/LUMORA"), 1) << tv.Log();
+    EXPECT_EQ(tv.CountInLog(">Create the data folder failed"), 1);
+    EXPECT_EQ(tv.CountInLog(">LumoraManager Construct error!"), 1);
+    EXPECT_EQ(tv.CountInLog("############ Out LumoraApp Main, ret is -1 ############"), 1);
+    EXPECT_EQ(tv.CountInLog("_app_terminate"), 0) << "no terminate after a failed create";
 }

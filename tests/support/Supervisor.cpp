@@ -1,5 +1,7 @@
 #include "Supervisor.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
@@ -136,7 +138,7 @@ void Supervisor::Spawn(std::vector<std::string> argv, const std::vector<std::str
         execve(argp[0], argp.data(), envp.data());
         _exit(127);
     }
-    m_pid = pid;
+    m_pid = m_pidStarted = pid;
 }
 
 void Supervisor::Signal(int sig)
@@ -167,6 +169,23 @@ int Supervisor::Wait(std::chrono::milliseconds timeout)
         std::this_thread::sleep_for(20ms);
     }
     return m_nStatus;
+}
+
+Supervision Supervisor::Terminate(std::chrono::milliseconds timeout)
+{
+    Signal(SIGTERM);
+    return Ended(timeout);
+}
+
+Supervision Supervisor::Ended(std::chrono::milliseconds timeout)
+{
+    const int status = Wait(timeout);
+    Supervision seen = Judge(Messages(), m_pidStarted, m_started, Clock::now());
+    if (status == -1)
+        seen.problems.push_back("still running " + std::to_string(timeout.count()) + " ms after the end began");
+    else if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        seen.problems.push_back("ended with wait status " + std::to_string(status) + "\n" + Log().substr(0, 4000));
+    return seen;
 }
 
 std::string Supervisor::Log() const
@@ -265,4 +284,11 @@ Supervision Judge(const std::vector<NotifySocket::Message> &messages, pid_t pid,
     }
     gap(last, end);
     return out;
+}
+
+void ExpectSupervised(const Supervision &seen, int nMinWatchdogs)
+{
+    EXPECT_TRUE(seen.problems.empty()) << ::testing::PrintToString(seen.problems);
+    EXPECT_GE(seen.nWatchdogs, nMinWatchdogs);
+    EXPECT_LE(seen.longestGap, 8s) << "a 6 s watchdog period and a margin";
 }

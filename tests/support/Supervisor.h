@@ -6,7 +6,6 @@
 #pragma once
 
 #include <chrono>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <sys/types.h>
@@ -14,6 +13,15 @@
 #include <vector>
 
 #include "NotifySocket.h"
+
+// The messages of one run, judged as systemd would see them.
+struct Supervision {
+    std::vector<std::string> problems;  // empty when every message and the exit were as they must be
+    int nWatchdogs = 0;
+    // The longest time without a watchdog message: from the start to the
+    // first, between two, and from the last to the end of the run.
+    std::chrono::milliseconds longestGap{0};
+};
 
 class Supervisor {
 public:
@@ -27,13 +35,19 @@ public:
     void Start(const std::vector<std::string> &runArgs, const std::vector<std::string> &env = {});
     // Runs the service binary itself, with these arguments, as systemd does.
     void StartService(const std::vector<std::string> &args, const std::vector<std::string> &env = {});
-    pid_t Pid() const { return m_pid; }
+    pid_t Pid() const { return m_pidStarted; }
     Clock::time_point StartedAt() const { return m_started; }
 
     void Signal(int sig);
     bool Running();
     // The exit status as waitpid gives it, or -1 when it still runs after timeout.
     int Wait(std::chrono::milliseconds timeout);
+
+    // Sends SIGTERM and waits for the end, then judges the run: an exit that
+    // does not come within timeout or is not a clean 0 is one more problem.
+    Supervision Terminate(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    // Waits for an end the service comes to itself, then judges the run.
+    Supervision Ended(std::chrono::milliseconds timeout);
 
     std::string Log() const;
     int CountInLog(const std::string &text) const;
@@ -51,7 +65,8 @@ private:
 
     NotifySocket m_socket;
     std::string m_strLogPath;
-    pid_t m_pid = -1;
+    pid_t m_pid = -1;  // -1 once reaped
+    pid_t m_pidStarted = -1;
     int m_nStatus = -1;
     Clock::time_point m_started;
 
@@ -65,18 +80,14 @@ private:
 std::string ReadinessOf(const std::string &name, pid_t pid);
 std::string WatchdogOf(pid_t pid);
 
-// The messages of one run, judged as systemd would see them.
-struct Supervision {
-    std::vector<std::string> problems;  // empty when every message was as it must be
-    int nWatchdogs = 0;
-    // The longest time without a watchdog message: from the start to the
-    // first, between two, and from the last to the end of the run.
-    std::chrono::milliseconds longestGap{0};
-};
-
 // The timer thread's readiness ("RAApp") comes first; the service's own
 // ("lumora") once, right before the first watchdog message; every other
 // message is a watchdog message, but for the plain "READY=1" that Ecore sends
 // when its main loop begins.
 Supervision Judge(const std::vector<NotifySocket::Message> &messages, pid_t pid, Supervisor::Clock::time_point start,
                   Supervisor::Clock::time_point end);
+
+// A run systemd would have been content with: no problem, at least
+// nMinWatchdogs watchdog messages, never more than the 6 s period and a
+// margin without one.
+void ExpectSupervised(const Supervision &seen, int nMinWatchdogs = 1);
