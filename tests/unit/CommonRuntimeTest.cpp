@@ -1,0 +1,268 @@
+// The common runtime: log, XML node helpers, lock, threads, timer.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <libxml/parser.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "ExtLog.h"
+#include "ExtThread.h"
+#include "ExtXml.h"
+#include "LogCapture.h"
+#include "NotifySocket.h"
+#include "Timer.h"
+#include "lock.h"
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+// Polls until pred holds; the timeout only keeps a broken build from hanging.
+template <typename Pred> bool WaitFor(Pred pred, std::chrono::seconds timeout = 30s)
+{
+    for (auto end = Clock::now() + timeout; !pred(); std::this_thread::sleep_for(10ms))
+        if (Clock::now() > end)
+            return false;
+    return true;
+}
+
+} // namespace
+
+TEST(ExtLog, LevelsMapOntoPrioritiesTheMacroPrefixesAndASwitchedOffLogFormatsNothing)
+{
+    LogCapture log;
+    for (int level : {-1, 0, 1, 2, 3, 4, 5, 100})
+        ext_log_base_print(level, "LUMORA", "level %d", level);
+    auto records = log.Records();
+    ASSERT_EQ(records.size(), 5u);
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(records[i].priority, 3 + i);
+        EXPECT_EQ(records[i].tag, "LUMORA");
+        EXPECT_EQ(records[i].text, "level " + std::to_string(i));
+    }
+    EXPECT_EQ(tvhost::log::PrintCount(), 5u) << "unknown levels must not reach the platform log";
+
+    // External text stays an argument, never a format.
+    log.Clear();
+    int nLine = __LINE__ + 1;
+    LUMORA_LOG(EXT_LOG_ERROR, "name [%s]\n", "%s%n%s");
+    records = log.Records();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].priority, 6);
+    EXPECT_EQ(records[0].text, "CommonRuntimeTest.cpp:TestBody(" + std::to_string(nLine) + ")>name [%s%n%s]\n");
+
+    // The arguments are missing: harmless only if nothing is formatted.
+    tvhost::log::SetEnabled(false);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat"
+#pragma GCC diagnostic ignored "-Wformat-extra-args"
+    ext_log_base_print(0, "LUMORA", "%s %s %s %n");
+#pragma GCC diagnostic pop
+    tvhost::log::SetEnabled(true);
+    EXPECT_EQ(tvhost::log::PrintCount(), 6u);
+    EXPECT_EQ(log.Records().size(), 1u);
+}
+
+TEST(ExtXml, FindsDirectChildrenOfOneExactNameOfAnyNodeType)
+{
+    const char *text = "<r><a id='1'/>text<b/><a id='2'><a id='nested'/></a><!--c--><A id='upper'/><a id='3'/>"
+                       "hello<text/></r>";
+    auto X = [](const char *s) { return reinterpret_cast<const xmlChar *>(s); };
+    xmlDocPtr doc = xmlParseDoc(X(text));
+    xmlNodePtr root = xmlDocGetRootElement(doc);
+    ASSERT_NE(root, nullptr);
+
+    // Grandchildren and names that differ only in case are never found; the
+    // last one has no next (bounded, so a helper returning its input fails).
+    std::vector<std::string> ids;
+    for (xmlNodePtr n = xmlGetFirstChildNode(root, X("a")); n && ids.size() < 10; n = xmlGetNextSiblingNode(n, X("a")))
+        ids.push_back(reinterpret_cast<const char *>(n->properties->children->content));
+    EXPECT_EQ(ids, (std::vector<std::string>{"1", "2", "3"}));
+
+    EXPECT_EQ(xmlGetFirstChildNode(nullptr, X("a")), nullptr);
+    EXPECT_EQ(xmlGetNextSiblingNode(nullptr, X("a")), nullptr);
+    EXPECT_EQ(xmlGetFirstChildNode(root, X("missing")), nullptr);
+    EXPECT_EQ(xmlGetFirstChildNode(xmlGetFirstChildNode(root, X("b")), X("a")), nullptr) << "childless";
+
+    // The node type is not checked: libxml2 names text nodes "text".
+    xmlNodePtr n = xmlGetFirstChildNode(root, X("text"));
+    ASSERT_NE(n, nullptr);
+    EXPECT_EQ(n->type, XML_TEXT_NODE);
+    n = xmlGetNextSiblingNode(xmlGetNextSiblingNode(n, X("text")), X("text"));
+    ASSERT_NE(n, nullptr);
+    EXPECT_EQ(n->type, XML_ELEMENT_NODE);
+    xmlFreeDoc(doc);
+}
+
+TEST(Lock, RecursiveMutexIsReleasedOnlyAfterTheLastUnlockAndTheGuardPairsItsCalls)
+{
+    CMutex mutex;
+    mutex.Lock();
+    mutex.Lock();  // must not deadlock
+    std::atomic<bool> bTaken{false};
+    std::thread other([&] {
+        CAutoLock guard(mutex);
+        bTaken = true;
+    });
+    mutex.Unlock();
+    std::this_thread::sleep_for(100ms);
+    EXPECT_FALSE(bTaken) << "one unlock of two must not release the mutex";
+    mutex.Unlock();
+    other.join();
+    EXPECT_TRUE(bTaken);
+
+    // The guard locks any ILock once and unlocks it once.
+    struct Counting : ILock {
+        void Lock() const override { n += 1; }
+        void Unlock() const override { n += 100; }
+        mutable int n = 0;
+    } counting;
+    {
+        CAutoLock guard(counting);
+        EXPECT_EQ(counting.n, 1);
+    }
+    EXPECT_EQ(counting.n, 101);
+}
+
+namespace {
+
+struct Worker : CThread {
+    std::atomic<int> nRuns{0};
+    std::atomic<bool> bRelease{false}, bFinished{false};
+    void t_Main() override
+    {
+        ++nRuns;
+        while (!bRelease)
+            CThread::Sleep(5);
+        bFinished = true;
+    }
+};
+
+struct Looper : CLoop {
+    std::atomic<int> nLoops{0};
+    bool StopFlag() const { return m_bStop; }
+    void t_Loop() override { ++nLoops, CThread::Sleep(5); }
+};
+
+} // namespace
+
+TEST(ExtThread, CreateRefusesASecondThreadDestroyJoinsAndALoopStopsOnDestroy)
+{
+    Worker w;
+    ASSERT_TRUE(w.Create());
+    EXPECT_TRUE(w.FlagCreate());
+    EXPECT_FALSE(w.Create());
+    std::thread releaser([&] {
+        std::this_thread::sleep_for(100ms);
+        w.bRelease = true;
+    });
+    w.Destroy();  // does not ask the body to end: it waits for it
+    EXPECT_TRUE(w.bFinished);
+    releaser.join();
+    EXPECT_FALSE(w.FlagCreate());
+    ASSERT_TRUE(w.Create()) << "a joined object runs again";
+    w.Destroy();
+    EXPECT_EQ(w.nRuns, 2);
+
+    Looper l;
+    ASSERT_TRUE(l.Create());
+    EXPECT_FALSE(l.Create());
+    EXPECT_FALSE(l.StopFlag()) << "a refused Create must not stop the running loop";
+    ASSERT_TRUE(WaitFor([&] { return l.nLoops > 1; }));
+    l.Destroy();
+    EXPECT_TRUE(l.StopFlag());
+    int nAfterStop = l.nLoops;
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(l.nLoops, nAfterStop);
+}
+
+TEST(ExtThread, SleepLastsItsWholeTimeAcrossSignals)
+{
+    struct sigaction sa = {}, old;
+    sa.sa_handler = [](int) {};  // no SA_RESTART: nanosleep returns EINTR
+    ASSERT_EQ(sigaction(SIGUSR1, &sa, &old), 0);
+    pthread_t sleeper = pthread_self();
+    std::atomic<bool> bDone{false};
+    std::thread interrupter([&] {
+        for (int i = 0; i < 10 && !bDone; ++i, std::this_thread::sleep_for(50ms))
+            pthread_kill(sleeper, SIGUSR1);
+    });
+    // A lower bound only: a loaded machine makes the sleep longer, never shorter.
+    auto t0 = Clock::now();
+    CThread::Sleep(800);
+    auto elapsed = Clock::now() - t0;
+    bDone = true;
+    interrupter.join();
+    sigaction(SIGUSR1, &old, nullptr);
+    EXPECT_GE(elapsed, 800ms);
+}
+
+TEST(ExtThreadDeathTest, ThreadEntryWithoutObjectEndsTheProcess)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(CThread::m_ThreadProc(nullptr),
+                 "CommonRuntimeTest: .*/src/Common/Src/ExtThread\\.cpp:[0-9]+: static void\\* "
+                 "CThread::m_ThreadProc\\(void\\*\\): Assertion `pThis != __null' failed\\.");
+}
+
+namespace {
+
+// Written by the timer thread only; read by the test after a join.
+struct Ticks {
+    std::atomic<size_t> n{0};
+    Clock::time_point when[16];
+    static void Callback(void *pArg)
+    {
+        auto *self = static_cast<Ticks *>(pArg);
+        if (self->n < 16)
+            self->when[self->n] = Clock::now();
+        ++self->n;
+    }
+};
+
+} // namespace
+
+// Time is only ever bounded from below here: each wait lasts at least its period.
+TEST(Timer, ReadinessMessageOnceTicksEveryPeriodOnceMoreAfterStopAndAOneShotFiresOnce)
+{
+    NotifySocket sock;
+    Ticks ticks;
+    CTimer timer;
+    timer.SetTimer(1, Ticks::Callback, &ticks, true);
+    auto t0 = Clock::now();
+    ASSERT_EQ(timer.StartTimer(), 0);
+    NotifySocket::Message msg;
+    ASSERT_TRUE(sock.Receive(msg, 30s));
+    EXPECT_EQ(msg.text, "READY=1\nsd_notify READY Proc : RAApp(" + std::to_string(getpid()) + ")");
+    ASSERT_TRUE(WaitFor([&] { return ticks.n >= 2; }));
+    // Away from the tick just seen, into the next wait; the stop is seen only
+    // after that wait and its callback.
+    std::this_thread::sleep_for(300ms);
+    size_t nBeforeStop = ticks.n;
+    EXPECT_EQ(timer.StopTimer(), 0);
+    EXPECT_EQ(ticks.n, nBeforeStop + 1);
+    for (size_t i = 0; i < ticks.n && i < 16; ++i)
+        EXPECT_GE(ticks.when[i] - t0, std::chrono::seconds(i + 1)) << "tick " << i << " came early";
+    EXPECT_FALSE(sock.Receive(msg, 0ms)) << "one readiness message per timer thread";
+
+    Ticks once;
+    auto t1 = Clock::now();
+    {
+        CTimer oneShot(1, Ticks::Callback, &once, false);
+        ASSERT_EQ(oneShot.StartTimer(), 0);
+        ASSERT_TRUE(WaitFor([&] { return once.n >= 1; }));
+        // The fired one-shot timer cleared its flag: the stop only joins, and
+        // the destructor does not join again.
+        EXPECT_EQ(oneShot.StopTimer(), 0);
+        oneShot.SetTimer(1, nullptr, nullptr, false);  // a null callback only waits
+        ASSERT_EQ(oneShot.StartTimer(), 0);
+        EXPECT_EQ(oneShot.StopTimer(), 0);
+    }
+    ASSERT_EQ(once.n, 1u);
+    EXPECT_GE(once.when[0] - t1, 1s);
+}
