@@ -1,0 +1,331 @@
+// The service's thin platform helpers: the data folder, the widget's queries
+// and launch, the widget watcher and the power-off.
+#include <gtest/gtest.h>
+
+#include <app_control.h>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <unistd.h>
+
+#include "DataFolderHelper.h"
+#include "LogCapture.h"
+#include "LumoraTvControl.h"
+#include "LumoraWidgetChecker.h"
+#include "LumoraWidgetHelper.h"
+#include "tvhost/apps.h"
+#include "tvhost/power.h"
+#include "tvhost/settings.h"
+#include "tvhost/tvhost.h"
+
+namespace fs = std::filesystem;
+
+class CLumoraWidgetHelperTestPeer {
+public:
+    static std::string &DeviceID(CLumoraWidgetHelper &h) { return h.m_strDeviceID; }
+};
+
+class CLumoraWidgetCheckerTestPeer {
+public:
+    static vconf_callback_fn Handler() { return &CLumoraWidgetChecker::m_CbWasAppChanged; }
+    static bool Installed(const CLumoraWidgetChecker &c) { return c.m_bWidgetInstalled; }
+};
+
+namespace {
+
+constexpr int kDebug = 3;
+constexpr int kError = 6;
+const std::string kWidget = "PzKmRvTqXa.Lumora";
+const std::string kAppChange = "memory/was/app_change";
+using Lines = std::vector<std::string>;
+using Extra = std::vector<std::pair<std::string, std::string>>;
+
+std::vector<bool> g_reports;
+void OnInstalled(bool bInstalled) { g_reports.push_back(bInstalled); }
+
+std::string ReadAll(const std::string &path)
+{
+    std::stringstream s;
+    s << std::ifstream(path).rdbuf();
+    return s.str();
+}
+
+// PATH as on the TV, its own tools first, behind a folder with one tool that fails.
+struct ToolPath {
+    explicit ToolPath(const std::string &failing)
+    {
+        fs::create_directories(dir);
+        std::ofstream(dir + "/" + failing) << "#!/bin/sh\nexit 1\n";
+        fs::permissions(dir + "/" + failing, fs::perms::owner_all);
+        setenv("PATH", (dir + ":" + tvhost::Root() + "/usr/bin:" + saved).c_str(), 1);
+    }
+    ~ToolPath()
+    {
+        setenv("PATH", saved.c_str(), 1);
+        fs::remove_all(dir);
+    }
+    const std::string saved = std::getenv("PATH");
+    const std::string dir = fs::temp_directory_path() / ("lumora-tools-" + std::to_string(getpid()));
+};
+
+} // namespace
+
+TEST(DataFolderHelper, FirstRunPreparesTheFolderLaterRunsLeaveItAloneAndAFailingCommandEndsIt)
+{
+    LogCapture log;
+    const std::string data = tvhost::Root() + "/opt/usr/apps/org.kelvar.lumora/data";
+    const std::string shipped = tvhost::Root() + "/usr/apps/org.kelvar.lumora/bin/mode.xml";
+    const std::string labels = tvhost::Root() + "/opt/var/tvhost/smack/labels", label = "\"org.kelvar.lumora\"";
+    const Lines commands = {"mkdir -p " + data, "cp " + shipped + " " + data, "chmod 777 -R " + data,
+                            "chown app.app -R " + data, "chsmack -a " + label + " -e " + label + " " + data};
+    auto logOf = [](Lines ran, const Lines &after) {
+        for (auto &command : ran)
+            command = "[ExecuteCommand] the command is '" + command + "'";
+        ran.insert(ran.begin(), "[CreateQORVDataFolder] begin");
+        ran.insert(ran.end(), after.begin(), after.end());
+        return ran;
+    };
+    fs::remove_all(data);
+    fs::remove(labels);
+    {
+        ToolPath tools("none");
+        EXPECT_TRUE(CDataFolderHelper().CreateDataFolder());
+        EXPECT_EQ(log.Messages(), logOf(commands, {"[CreateQORVDataFolder] end"}));
+        EXPECT_EQ(log.PriorityOf("[CreateQORVDataFolder] begin"), kDebug);
+        EXPECT_EQ(ReadAll(data + "/mode.xml"), ReadAll(shipped));
+        EXPECT_EQ(fs::status(data + "/mode.xml").permissions(), fs::perms::all);
+        EXPECT_NE(ReadAll(labels).find(fs::canonical(data).string() + "\torg.kelvar.lumora\torg.kelvar.lumora\n"),
+                  std::string::npos);
+        log.Clear();
+        EXPECT_TRUE(CDataFolderHelper().CreateDataFolder());
+        EXPECT_EQ(log.Messages(), (Lines{"[CreateQORVDataFolder] begin",
+                                         "[CreateQORVDataFolder] the QORV storage path is already exist",
+                                         "[CreateQORVDataFolder] the QORV mode.xml is already exist"}));
+        // The folder there, the file gone: everything but mkdir runs again.
+        log.Clear();
+        fs::remove(data + "/mode.xml");
+        EXPECT_TRUE(CDataFolderHelper().CreateDataFolder());
+        Lines again = logOf(Lines(commands.begin() + 1, commands.end()), {"[CreateQORVDataFolder] end"});
+        again.insert(again.begin() + 1, "[CreateQORVDataFolder] the QORV storage path is already exist");
+        EXPECT_EQ(log.Messages(), again);
+    }
+    // A failing command ends the run; nothing is undone.
+    for (size_t failing = 0; failing < commands.size(); ++failing) {
+        const std::string tool = commands[failing].substr(0, commands[failing].find(' '));
+        SCOPED_TRACE(tool);
+        ToolPath tools(tool);
+        fs::remove_all(data);
+        log.Clear();
+        EXPECT_FALSE(CDataFolderHelper().CreateDataFolder());
+        EXPECT_EQ(log.Messages(), logOf(Lines(commands.begin(), commands.begin() + failing + 1),
+                                        {"[ExecuteCommand] '" + commands[failing] + "' is failed!!!"}));
+        EXPECT_EQ(log.Records().back().priority, kError);
+        EXPECT_EQ(fs::is_directory(data), failing > 0);
+    }
+    fs::remove_all(data);
+}
+
+TEST(DataFolderHelper, ALongCommandIsLoggedCutAt256CharactersButRunWhole)
+{
+    LogCapture log;
+    const std::string out = tvhost::Root() + "/long-command.out";
+    const std::string text(300 - std::strlen("printf %s ") - (" > " + out).size() - 3, 'x');
+    const std::string command = "printf %s " + text + "END > " + out;
+    EXPECT_TRUE(CDataFolderHelper().ExecuteCommand(command));
+    EXPECT_EQ(ReadAll(out), text + "END");
+    EXPECT_EQ(log.Messages(), Lines{"[ExecuteCommand] the command is '" + command.substr(0, 256) + "'"});
+    log.Clear();
+    EXPECT_FALSE(CDataFolderHelper().ExecuteCommand(command + " && false"));
+    EXPECT_EQ(log.PriorityOf("[ExecuteCommand] '" + command.substr(0, 256) + "' is failed!!!"), kError);
+    fs::remove(out);
+}
+
+TEST(LumoraWidgetHelper, QueriesRetryOnlyWhileTheServiceIsBusyOrAStatusCallFails)
+{
+    LogCapture log;
+    tvhost::apps::SetInstalled(kWidget, true);
+    tvhost::apps::SetRunning(kWidget, true);
+    CLumoraWidgetHelper helper;
+    auto calls = [](const char *fn) { return tvhost::apps::CallCount(fn); };
+
+    // Up to five retries on -2; any other failure is final at once.
+    tvhost::apps::QueueAppInfoResult(-2, 6);
+    EXPECT_FALSE(helper.IsWidgetInstalled(kWidget)) << "a sixth busy answer is final";
+    EXPECT_EQ(calls("was_get_app_info"), 6);
+    EXPECT_EQ(log.Count("=== Begin to get app info ! ==="), 6);
+    EXPECT_EQ(log.PriorityOf("=== The widget PzKmRvTqXa.Lumora is not installed! ==="), kDebug);
+    tvhost::Reset();
+    tvhost::apps::QueueAppInfoResult(-2, 5);
+    EXPECT_TRUE(helper.IsWidgetInstalled(kWidget));
+    EXPECT_EQ(calls("was_get_app_info"), 6);
+    tvhost::Reset();
+    tvhost::apps::QueueAppInfoResult(-2);
+    tvhost::apps::QueueAppInfoResult(-1);
+    EXPECT_FALSE(helper.IsWidgetInstalled(kWidget));
+    EXPECT_EQ(calls("was_get_app_info"), 2);
+
+    log.Clear();
+    EXPECT_TRUE(helper.IsWidgetLaunched(kWidget));
+    EXPECT_EQ(log.PriorityOf("=====The widget PzKmRvTqXa.Lumora has been launched !=====\n"), kDebug);
+    EXPECT_TRUE(log.Has("=====Start to Get the widget PzKmRvTqXa.Lumora status =====\n"));
+    tvhost::apps::SetRunning(kWidget, false);
+    EXPECT_FALSE(helper.IsWidgetLaunched(kWidget));
+    EXPECT_TRUE(log.Has("=====The widget PzKmRvTqXa.Lumora has not been launched !=====\n"));
+    // Three failed status calls are final; a fourth, successful answer is never asked for.
+    tvhost::Reset();
+    tvhost::apps::QueueAppStatusResult(-1, 0, 3);
+    tvhost::apps::QueueAppStatusResult(0, 1);
+    EXPECT_FALSE(helper.IsWidgetLaunched(kWidget));
+    EXPECT_EQ(calls("was_get_app_status"), 3);
+    EXPECT_EQ(log.Count("=====Get the widget PzKmRvTqXa.Lumora info error =====\n"), 3);
+    // A failed call that nevertheless set the status word ends the retries.
+    tvhost::Reset();
+    tvhost::apps::SetRunning(kWidget, true);
+    tvhost::apps::QueueAppStatusResult(-1, 1);
+    EXPECT_FALSE(helper.IsWidgetLaunched(kWidget));
+    EXPECT_EQ(calls("was_get_app_status"), 1);
+    tvhost::Reset();
+    tvhost::apps::SetInstalled(kWidget, false);
+    EXPECT_FALSE(helper.IsWidgetLaunched(kWidget));
+    EXPECT_EQ(calls("was_get_app_status"), 0);
+    EXPECT_EQ(log.Messages().size(), 2u) << "only the installed query speaks";
+}
+
+TEST(LumoraWidgetHelper, LaunchSendsTheDeviceEvenToARunningWidgetAndEvents605To611Relaunch)
+{
+    LogCapture log;
+    tvhost::apps::SetInstalled(kWidget, true);
+    tvhost::apps::SetRunning(kWidget, true);
+    CLumoraWidgetHelper helper;
+    helper.LaunchWidget(kWidget, "dev-2");
+    EXPECT_EQ(log.PriorityOf("=== The widget has been launched, then return it! ===\n"), kError);
+    EXPECT_EQ(log.PriorityOf("=== Succeeded to launch a WebApp ====="), kError);
+    auto launches = tvhost::apps::Launches();
+    ASSERT_EQ(launches.size(), 1u);
+    EXPECT_EQ(launches[0].operation, APP_CONTROL_OPERATION_DEFAULT);
+    EXPECT_EQ(launches[0].extraData, (Extra{{"deviceID", "dev-2"}}));
+    EXPECT_EQ(tvhost::apps::Calls(),
+              (Lines{"was_get_app_info", "was_get_app_info", "was_get_app_status", "app_control_create",
+                     "app_control_set_operation", "app_control_set_app_id", "app_control_add_extra_data",
+                     "app_control_send_launch_request", "app_control_destroy"}));
+
+    // A refused request, or a handle that cannot be made, is only logged; the
+    // handle is released all the same and the device stored.
+    for (const char *fn : {"app_control_send_launch_request", "app_control_create"}) {
+        SCOPED_TRACE(fn);
+        tvhost::Reset();
+        tvhost::apps::SetRunning(kWidget, false);
+        tvhost::apps::QueueResult(fn, -1);
+        helper.LaunchWidget(kWidget, "");
+        EXPECT_FALSE(log.Has("=== The widget has been launched, then return it! ===\n"));
+        EXPECT_EQ(log.PriorityOf("=== Failed to launch a WebApp ====="), kError);
+        EXPECT_EQ(tvhost::apps::CallCount("app_control_destroy"), 1);
+        EXPECT_FALSE(tvhost::apps::IsRunning(kWidget));
+        EXPECT_EQ(CLumoraWidgetHelperTestPeer::DeviceID(helper), "");
+    }
+
+    // The launch service's events: 605 to 611 launch again with the last device.
+    tvhost::Reset();
+    CLumoraWidgetHelperTestPeer::DeviceID(helper) = "dev-7";
+    auto raise = [](void *pHelper, int nEvent) {
+        CLumoraWidgetHelper::m_OnLaunchWidgetCallBack(pHelper, -3, kWidget.c_str(), static_cast<was_event_type_e>(nEvent));
+    };
+    raise(&helper, 604);
+    raise(&helper, 612);
+    EXPECT_EQ(log.Messages(), (Lines{"Launch widget result = -3", "Launch widget app_id = PzKmRvTqXa.Lumora",
+                                     "Launch widget event_type = 604", "Launch widget result = -3",
+                                     "Launch widget app_id = PzKmRvTqXa.Lumora", "Launch widget event_type = 612"}));
+    raise(&helper, 605);
+    raise(&helper, 611);
+    launches = tvhost::apps::Launches();
+    ASSERT_EQ(launches.size(), 2u);
+    EXPECT_EQ(launches[0].extraData, (Extra{{"deviceID", "dev-7"}}));
+    EXPECT_EQ(launches[1].extraData, (Extra{{"deviceID", "dev-7"}}));
+    log.Clear();
+    raise(nullptr, 608);
+    EXPECT_EQ(log.PriorityOf("The pWidgetHelper is NULL !"), kError);
+    EXPECT_EQ(log.Messages().size(), 4u);
+
+    // Not installed: nothing is sent and the last device is kept.
+    tvhost::Reset();
+    tvhost::apps::SetInstalled(kWidget, false);
+    helper.LaunchWidget(kWidget, "dev-9");
+    EXPECT_EQ(log.PriorityOf("=====The widget PzKmRvTqXa.Lumora has not been installed ====="), kError);
+    EXPECT_EQ(tvhost::apps::CallCount("app_control_create"), 0);
+    EXPECT_EQ(CLumoraWidgetHelperTestPeer::DeviceID(helper), "dev-7");
+}
+
+TEST(LumoraWidgetChecker, OnlyAnIntegerChangeOfItsKeyChecksAndTheHandlerHearsOnlyChangesOfTheState)
+{
+    LogCapture log;
+    tvhost::apps::SetInstalled(kWidget, true);
+    tvhost::Reset();
+    g_reports.clear();
+    CLumoraWidgetChecker checker;
+    EXPECT_EQ(tvhost::settings::Subscribers(kAppChange), 1);
+    EXPECT_TRUE(log.Records().empty());
+    tvhost::settings::SetString(kAppChange, "7");
+    ASSERT_TRUE(log.Has("The keyName is [memory/was/app_change]")) << "the change was delivered";
+    // The same handler subscribed to another key.
+    ASSERT_EQ(vconf_notify_key_changed("memory/was/other", CLumoraWidgetCheckerTestPeer::Handler(), &checker), 0);
+    tvhost::settings::SetInt("memory/was/other", 1);
+    EXPECT_TRUE(log.Has("The keyName is [memory/was/other]"));
+    log.Clear();
+    CLumoraWidgetCheckerTestPeer::Handler()(nullptr, nullptr);
+    EXPECT_EQ(log.PriorityOf("The pChecker is NULL"), kError);
+    EXPECT_EQ(log.Messages().size(), 2u);
+    CLumoraWidgetCheckerTestPeer::Handler()(nullptr, &checker);
+    EXPECT_EQ(log.PriorityOf("keyName==NULL"), kError);
+    EXPECT_EQ(tvhost::apps::CallCount("was_get_app_info"), 0);
+    EXPECT_EQ(tvhost::settings::CallCount("vconf_get_int"), 0);
+    EXPECT_FALSE(CLumoraWidgetCheckerTestPeer::Installed(checker));
+
+    // A change before the handler is set updates the state silently; the
+    // handler then hears only what differs from it.
+    log.Clear();
+    tvhost::settings::SetInt(kAppChange, 41);
+    EXPECT_TRUE(CLumoraWidgetCheckerTestPeer::Installed(checker));
+    EXPECT_EQ(log.Messages(), (Lines{"===== CLumoraWidgetChecker in m_CbWasAppChanged function 1 =====",
+                                     "===== CLumoraWidgetChecker in m_CbWasAppChanged function 2 =====",
+                                     "===== CLumoraWidgetChecker in m_CbWasAppChanged function 3 =====",
+                                     "The keyName is [memory/was/app_change]",
+                                     "Get the app change value success nValue = [41]",
+                                     "===== CLumoraWidgetChecker in loop function 1 =====",
+                                     "=== Begin to get app info ! ===",
+                                     "=== The widget PzKmRvTqXa.Lumora is installed! ===",
+                                     "===== CLumoraWidgetChecker in loop function 2 ====="}));
+    log.Clear();
+    checker.SetWidgetInstalledCB(OnInstalled);
+    EXPECT_TRUE(g_reports.empty());
+    EXPECT_EQ(log.Messages().back(), "===== CLumoraWidgetChecker in SetWidgetInstalledCB function =====");
+    EXPECT_EQ(log.Messages().size(), 5u) << "checked again at once";
+    tvhost::apps::SetInstalled(kWidget, false);  // bumps the key
+    tvhost::settings::SetInt(kAppChange, 42);
+    EXPECT_EQ(g_reports, std::vector<bool>{false});
+
+    // The value of the key means nothing, and a failed read still checks.
+    log.Clear();
+    tvhost::settings::QueueResult("vconf_get_int", -1);
+    tvhost::apps::SetInstalled(kWidget, true);
+    EXPECT_EQ(g_reports, (std::vector<bool>{false, true}));
+    EXPECT_TRUE(log.Has("===== CLumoraWidgetChecker in loop function 2 ====="));
+    EXPECT_TRUE(tvhost::log::Find("Get the app change value success").empty());
+}
+
+TEST(LumoraTvControl, PowerOffAsksForKindThreeOnceAndReportsWhetherItWasAccepted)
+{
+    LogCapture log;
+    CLumoraTvControl control;
+    EXPECT_TRUE(control.PowerOff());
+    tvhost::power::QueueResult(-1);
+    EXPECT_FALSE(control.PowerOff());
+    tvhost::power::QueueResult(5);  // any refusal counts
+    EXPECT_FALSE(control.PowerOff());
+    EXPECT_EQ(tvhost::power::Requests(), (std::vector<int>{3, 3, 3}));
+    EXPECT_EQ(log.Messages(), (Lines{"CLumoraTvControl success to power off the TV!",
+                                     "CLumoraTvControl failed to power off the TV!",
+                                     "CLumoraTvControl failed to power off the TV!"}));
+    for (const auto &record : log.Records())
+        EXPECT_EQ(record.priority, kDebug);
+}
