@@ -124,21 +124,19 @@ TEST_F(PlatformFault, NotificationServiceFailuresAreIgnoredAndEveryItemIsStillFr
 
 TEST_F(PlatformFault, EnginesWithoutACallbackEntryOrRefusingTheCallbackOrARefreshLeaveTheManagerRunning)
 {
-    noti::DrawTo(nullptr);
     struct Case {
         const char *variant;
         std::vector<std::string> errors;  // level 3 lines after the start and a network change
-        bool bLanguageSent;
-        int nEventAnswer;  // -2: the engine has no callback to give an event to
+        std::string answer;  // to the language sent at the start
     } cases[] = {
         // register, execute and refresh follow the missing symbol in the lookup order
         {"noregister",
          {"CLumoraQorvHelper Get the qorv_register_callback function failed!",
           "CLumoraQorvHelper the m_pQrov_RegisterCallBack is NULL!", "CLumoraQorvHelper the m_pQorv_Execute is NULL!",
           "CLumoraQorvHelper the m_pQorv_Refresh is NULL!", "Fail to Refresh the QORV!"},
-         false, -2},
-        {"registerfails", {"CLumoraQorvHelper register callback failed!"}, true, -2},
-        {"refreshfails", {"Refresh QORV failed!", "Fail to Refresh the QORV!"}, true, 0},
+         ""},
+        {"registerfails", {"CLumoraQorvHelper register callback failed!"}, "OK"},
+        {"refreshfails", {"Refresh QORV failed!", "Fail to Refresh the QORV!"}, "OK"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.variant);
@@ -149,18 +147,12 @@ TEST_F(PlatformFault, EnginesWithoutACallbackEntryOrRefusingTheCallbackOrARefres
         sim.reset(new EngineSim(m_strLibrary));
         tvhost::apps::SetInstalled(kWidgetApp, true);
         ASSERT_EQ(Peer::Get().Construct(), 0);
-        ASSERT_TRUE(RunUntil([&] { return log.Has("LumoraManager::Construct SetSystemLanguage strReturn = " +
-                                                  std::string(c.bLanguageSent ? "OK" : "")); }))
-           ;
+        ASSERT_TRUE(RunUntil([&] { return log.Has("LumoraManager::Construct SetSystemLanguage strReturn = " + c.answer); }));
         EXPECT_TRUE(log.Has("Success to start qorv!"));
-        EXPECT_EQ(sim->LastCommand(), c.bLanguageSent ? "SetSystemLanguage en_US" : "");
         tvhost::network::SetType(1);
-        ASSERT_TRUE(RunUntil([&] { return log.Has("m_ConnectionTypeChangedCB() is called. type : 1"); }))
-           ;
+        ASSERT_TRUE(RunUntil([&] { return log.Has("m_ConnectionTypeChangedCB() is called. type : 1"); }));
         for (const auto &line : c.errors)
             EXPECT_EQ(log.PriorityOf(line), 6) << line;
-        EXPECT_EQ(sim->Emit(5, kNotification, ""), c.nEventAnswer);
-        EXPECT_EQ(log.Has("LumoraNotification::Add, nEvent=5"), c.nEventAnswer == 0);
         tvhost::network::SetType(3);
         tvhost::mainloop::RunFor(100ms);
     }
