@@ -59,12 +59,10 @@ bool ManagerTest::RunUntil(const std::function<bool()> &pred, std::chrono::milli
     return tvhost::mainloop::RunUntil(pred, timeout);
 }
 
-void ManagerTest::StartWithWidget(bool bConstruct)
+void ManagerTest::StartWithWidget()
 {
     tvhost::apps::SetInstalled(kWidgetApp, true);
-    if (bConstruct) {
-        ASSERT_EQ(LumoraManagerTestPeer::Get().Construct(), 0);
-    }
+    ASSERT_EQ(LumoraManagerTestPeer::Get().Construct(), 0);
     ASSERT_TRUE(RunUntil([&] { return sim->Calls("qorv_register_callback") == 1; }))
         << "the engine did not start";
 }

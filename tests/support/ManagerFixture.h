@@ -18,25 +18,18 @@ extern const char *const kLanguageKey;
 class LumoraManagerTestPeer {
 public:
     static LumoraManager &Get() { return *LumoraManager::GetInstance(); }
-    static bool HasInstance() { return LumoraManager::m_pInstance != nullptr; }
     // The orderly teardown, then every class-wide value back to its start.
     static void TearDown();
     // Deletes the singleton without the teardown (no pipe was made).
     static void Release() { LumoraManager::ReleaseInstance(); }
-    static bool WidgetInstalled() { return LumoraManager::m_bWidgetInstalled; }
-    static void SetLanguage(const std::string &s) { Get().m_SetQORVLanguage(s); }
     static std::vector<LumoraManager::MasterKey_Info> &MasterKeys() { return Get().m_vctMasterKey; }
-    static std::vector<std::string> &DeviceTypes() { return Get().m_vctDeviceType; }
     static std::vector<LumoraManager::RegisteredDevice> &Devices() { return Get().m_vctRegisteredDevice; }
-    static std::map<std::string, LumoraManager::Device_Command_Info> &Commands() { return Get().m_mapDeviceCommand; }
-    static LumoraParameter *&RegisterList() { return Get().m_pRegisterList; }
     static bool ParseMasterKeys(const std::string &s) { return Get().m_ParseMasterKeyMessage(s.c_str()); }
     static std::string MasterKeyName(std::string key) { return Get().m_GetMasterKeyName(key); }
     static bool ParseDeviceTypes(const std::string &s) { return Get().m_ParseDeviceTypeList(s.data(), static_cast<int>(s.size())); }
     static bool ParseDeviceNames(const std::string &s) { return Get().m_ParseDeviceNameList(s.data(), static_cast<int>(s.size())); }
     static bool ParseRegistered(const std::string &s) { return Get().m_ParseRegisteredDevice(s.data(), static_cast<int>(s.size())); }
     static bool ParseCommands(const std::string &s) { return Get().m_ParseDeviceCommandList(s.data(), static_cast<int>(s.size())); }
-    static _xmlNode *FirstChild(_xmlNode *p, const char *n) { return Get().m_FirstChildNode(p, n); }
 };
 
 class ManagerTest : public ::testing::Test {
@@ -45,9 +38,8 @@ protected:
     void TearDown() override;
 
     bool RunUntil(const std::function<bool()> &pred, std::chrono::milliseconds timeout = std::chrono::seconds(10));
-    // Construct (unless done already), install the widget, then run the main
-    // loop until the engine has started.
-    void StartWithWidget(bool bConstruct = true);
+    // Install the widget, construct, then run the main loop until the engine has started.
+    void StartWithWidget();
 
     LogCapture log;
     std::unique_ptr<EngineSim> sim;

@@ -1,244 +1,316 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sys/stat.h>
+#include <regex>
 
 #include "ManagerFixture.h"
 #include "tvhost/apps.h"
 #include "tvhost/mainloop.h"
 #include "tvhost/network.h"
+#include "tvhost/notifications.h"
+#include "tvhost/power.h"
 #include "tvhost/settings.h"
 #include "tvhost/tvhost.h"
 
 using namespace std::chrono_literals;
 using Peer = LumoraManagerTestPeer;
+using Texts = std::vector<std::string>;
 
 namespace {
 
-// Index of the first message equal to text at or after from; -1 if none.
-int IndexOf(const std::vector<std::string> &lines, const std::string &text, int from = 0)
+// The manager's own log lines since the last call as "<platform priority> <message>"
+// (3 debug, 4 info, 6 error, 7 fatal); other classes' lines are left out, handles read 0x?.
+Texts Own(LogCapture &log)
 {
-    for (size_t i = static_cast<size_t>(from); i < lines.size(); ++i)
-        if (lines[i] == text)
-            return static_cast<int>(i);
-    return -1;
-}
-
-// The language the engine was told by each command, in order.
-std::vector<std::string> LanguageCommands(const LogCapture &log)
-{
-    std::vector<std::string> out;
-    auto lines = log.Messages();
-    for (size_t i = 0; i + 1 < lines.size(); ++i) {
-        const std::string cmd = "CLumoraQorvHelper Begin to Execute strCommand = ";
-        const std::string arg = "CLumoraQorvHelper Begin to Execute strParam1 = ";
-        if (lines[i].rfind(cmd, 0) == 0 && lines[i + 1].rfind(arg, 0) == 0)
-            out.push_back(lines[i].substr(cmd.size(), lines[i].size() - cmd.size() - 1) + " " +
-                          lines[i + 1].substr(arg.size(), lines[i + 1].size() - arg.size() - 1));
-    }
+    Texts out;
+    for (const auto &r : log.Records())
+        if (r.text.find("LumoraManager.cpp:") != std::string::npos)
+            out.push_back(std::to_string(r.priority) + " " + std::regex_replace(MessageOf(r.text), std::regex("0x[0-9a-f]+"), "0x?"));
+    log.Clear();
     return out;
 }
 
-} // namespace
-
-TEST_F(ManagerTest, WidgetInstalledAtStartStartsTheEngineOnTheMainLoopAfterThreeSeconds)
+Texts Concat(Texts a, const Texts &b)
 {
-    EXPECT_EQ(Peer::HasInstance(), false);
-    tvhost::apps::SetInstalled(kWidgetApp, true);
-    auto t0 = std::chrono::steady_clock::now();
-    ASSERT_EQ(Peer::Get().Construct(), 0);
-    EXPECT_EQ(sim->Calls("qorv_start"), 0) << "the start waits for the main loop";
-    EXPECT_TRUE(Peer::WidgetInstalled());
-
-    ASSERT_TRUE(RunUntil([&] { return sim->Calls("qorv_register_callback") == 1; }));
-    EXPECT_GE(std::chrono::steady_clock::now() - t0, 3s);
-    EXPECT_EQ(sim->Calls("qorv_start"), 1);
-
-    auto lines = log.Messages();
-    int nBegin = IndexOf(lines, "Begin to start qorv!");
-    int nSuccess = IndexOf(lines, "Success to start qorv!", nBegin);
-    int nCurrent = IndexOf(lines, "Current Language is en_US.UTF-8", nSuccess);
-    ASSERT_GE(nBegin, 0);
-    ASSERT_GT(nSuccess, nBegin);
-    ASSERT_GT(nCurrent, nSuccess);
-    EXPECT_GT(IndexOf(lines, "The language to set is en_US!", nCurrent), nCurrent);
-    EXPECT_EQ(LanguageCommands(log), (std::vector<std::string>{"SetLanguage en_US", "SetSystemLanguage en_US"}));
-    EXPECT_TRUE(log.Has("LumoraManager::Construct SetLanguage strReturn = OK"));
-    EXPECT_TRUE(log.Has("LumoraManager::Construct SetSystemLanguage strReturn = OK"));
-
-    // The viewer changes the language: both commands again, with the new code.
-    log.Clear();
-    tvhost::settings::SetString(kLanguageKey, "ko_KR.UTF-8");
-    ASSERT_TRUE(RunUntil([&] { return sim->LastCommand() == "SetSystemLanguage ko_KR"; }));
-    EXPECT_EQ(LanguageCommands(log), (std::vector<std::string>{"SetLanguage ko_KR", "SetSystemLanguage ko_KR"}));
-    EXPECT_TRUE(log.Has("The keyName is [db/menu_widget/language]"));
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
 }
 
-TEST_F(ManagerTest, WidgetInstalledLaterStartsTheEngineAndRemovalOnlySilencesIt)
+const Texts kLanguageSent = {"3 LumoraManager::Construct SetLanguage strReturn = OK",
+                             "3 LumoraManager::Construct SetSystemLanguage strReturn = OK"};
+
+// Catalogue parsers need no main loop, no engine and no Construct.
+class Catalogue : public ::testing::Test {
+protected:
+    void SetUp() override { Peer::Get(); log.Clear(); }
+    void TearDown() override { Peer::Release(); }
+    LogCapture log;
+};
+
+} // namespace
+
+TEST_F(ManagerTest, TheEngineStartsOnTheMainLoopOnceTheWidgetIsThereAndFollowsLanguageAndNetwork)
 {
-    ASSERT_EQ(Peer::Get().Construct(), 0);
-    tvhost::mainloop::RunFor(300ms);
-    EXPECT_EQ(sim->Calls("qorv_start"), 0);
-    EXPECT_EQ(log.Count("Enter into m_HandleWidgetInstall"), 0) << "nothing to report while not installed";
-
     tvhost::apps::SetInstalled(kWidgetApp, true);
-    ASSERT_TRUE(RunUntil([&] { return sim->Calls("qorv_register_callback") == 1; }));
-    EXPECT_EQ(log.Count("Enter into m_HandleWidgetInstall"), 1);
+    const auto t0 = std::chrono::steady_clock::now();
+    ASSERT_EQ(Peer::Get().Construct(), 0);
+    EXPECT_EQ(sim->Calls("qorv_start"), 0) << "the start waits for the main loop";
+    EXPECT_EQ(Own(log), (Texts{"3 LumoraManager::LumoraManager()", "3 Enter into m_HandleWidgetInstall",
+                               "3 connection_create() is successful. connection : 0x?\n"}));
+    ASSERT_TRUE(RunUntil([&] { return sim->Calls("qorv_excute") == 2; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - t0, 3s) << "a lower bound: a busy machine only makes it later";
+    EXPECT_EQ(sim->Calls("qorv_register_callback"), 1);
+    EXPECT_EQ(log.Count("CLumoraQorvHelper Begin to Execute strParam1 = en_US!"), 2);
+    EXPECT_EQ(Own(log), Concat({"3 Begin to start qorv!", "3 Success to start qorv!", "3 Current Language is en_US.UTF-8",
+                                "3 The language to set is en_US!"}, kLanguageSent));
 
-    log.Clear();
+    // The viewer changes the language: both commands with the part before the first dot, if any.
+    struct {
+        const char *text, *sent;  // sent: null if nothing is
+        Texts lines;
+    } languages[] = {
+        {"ko_KR.UTF-8", "ko_KR", Concat({"3 The language to set is ko_KR!"}, kLanguageSent)},
+        {"en_US.UTF-8.x", "en_US", Concat({"3 The language to set is en_US!"}, kLanguageSent)},
+        {"en", nullptr, {"3 The string has the wrong format!"}},
+        {".UTF-8", nullptr, {"3 The language to set is !", "3 The string is empty!"}},
+    };
+    for (const auto &c : languages) {
+        const int nSent = sim->Calls("qorv_excute");
+        tvhost::settings::SetString(kLanguageKey, c.text);
+        ASSERT_TRUE(RunUntil([&] { return log.Has(c.lines.back().substr(2)); })) << c.text;
+        EXPECT_EQ(sim->Calls("qorv_excute"), nSent + (c.sent ? 2 : 0)) << c.text;
+        EXPECT_EQ(log.Count(std::string("CLumoraQorvHelper Begin to Execute strParam1 = ") + (c.sent ? c.sent : "") + "!"),
+                  c.sent ? 2 : 0);
+        EXPECT_EQ(Own(log), Concat({"3 The keyName is [db/menu_widget/language]", std::string("3 Current Language is ") + c.text},
+                                   c.lines));
+    }
+
+    // The key turned integer is not read.
+    tvhost::settings::SetInt(kLanguageKey, 5);
+    ASSERT_TRUE(RunUntil([&] { return log.Has("The keyName is [db/menu_widget/language]"); }));
+    tvhost::mainloop::RunFor(100ms);
+    EXPECT_EQ(Own(log), Texts{"3 The keyName is [db/menu_widget/language]"});
+
+    // Wi-Fi (1) and Ethernet (3) refresh the engine; none (0) and cellular (2) are only logged.
+    for (int nType : {0, 3, 1, 2}) {
+        tvhost::network::SetType(nType);
+        ASSERT_TRUE(RunUntil([&] { return log.Has("m_ConnectionTypeChangedCB() is called. type : " + std::to_string(nType)); }));
+    }
+    EXPECT_EQ(sim->Calls("qorv_refresh"), 2);
+    // Each refresh has the engine report its devices again, later, on its own thread.
+    ASSERT_TRUE(RunUntil([&] { return tvhost::log::Find("OnQorvEvent, event type is 0,").size() == 2; }));
+    Texts info;
+    for (const auto &line : Own(log))
+        if (line[0] != '3')
+            info.push_back(line);
+    EXPECT_EQ(info, (Texts{"4 m_ConnectionTypeChangedCB() is called. type : 0", "4 m_ConnectionTypeChangedCB() is called. type : 3",
+                           "4 m_ConnectionTypeChangedCB() is called. type : 1", "4 m_ConnectionTypeChangedCB() is called. type : 2"}));
+
+    // Removing the widget neither stops the engine nor is read by the pipe's
+    // handler; it only silences the network handler.
     tvhost::apps::SetInstalled(kWidgetApp, false);
-    tvhost::mainloop::RunFor(300ms);
-    EXPECT_EQ(log.Count("Enter into m_HandleWidgetInstall"), 1);
-    EXPECT_FALSE(Peer::WidgetInstalled());
-    EXPECT_FALSE(log.Has("Begin to start qorv!")) << "an uninstall is read and ignored by the pipe's handler";
-    EXPECT_EQ(sim->Calls("qorv_stop"), 0) << "removal does not stop the engine";
-
-    // With the widget gone the network refresh is silent.
+    ASSERT_TRUE(RunUntil([&] { return log.Has("Enter into m_HandleWidgetInstall"); }));
     tvhost::network::SetType(1);
     tvhost::mainloop::RunFor(300ms);
-    EXPECT_EQ(sim->Calls("qorv_refresh"), 0);
-    EXPECT_FALSE(log.Has("m_ConnectionTypeChangedCB() is called. type : 1"));
+    EXPECT_EQ(Own(log), Texts{"3 Enter into m_HandleWidgetInstall"});
+    EXPECT_EQ(sim->Calls("qorv_refresh"), 2);
+    EXPECT_EQ(sim->Calls("qorv_stop"), 0);
 
     // Installed again: the start is asked for again, and the binding ignores it.
-    log.Clear();
     tvhost::apps::SetInstalled(kWidgetApp, true);
     ASSERT_TRUE(RunUntil([&] { return log.Has("CLumoraQorvHelper Lumora Helper has been started already!"); }));
     EXPECT_EQ(sim->Calls("qorv_start"), 1);
 }
 
-TEST_F(ManagerTest, NetworkChangesRefreshTheEngineOnWifiAndEthernetOnly)
+TEST_F(ManagerTest, EachConnectionFailureEndsConstructWithMinusOneAndItsFatalLine)
 {
-    ASSERT_EQ(Peer::Get().Construct(), 0);
-    tvhost::network::SetType(1);
-    tvhost::mainloop::RunFor(200ms);
-    EXPECT_FALSE(log.Has("m_ConnectionTypeChangedCB() is called. type : 1")) << "no engine, no log";
-
-    StartWithWidget(false);
-    const int kInfo = 4;
-    tvhost::network::SetType(0);
-    ASSERT_TRUE(RunUntil([&] { return log.Has("m_ConnectionTypeChangedCB() is called. type : 0"); }));
-    EXPECT_EQ(log.PriorityOf("m_ConnectionTypeChangedCB() is called. type : 0"), kInfo);
-    EXPECT_EQ(sim->Calls("qorv_refresh"), 0);
-
-    tvhost::network::SetType(3);
-    ASSERT_TRUE(RunUntil([&] { return sim->Calls("qorv_refresh") == 1; }));
-    tvhost::network::SetType(1);
-    ASSERT_TRUE(RunUntil([&] { return sim->Calls("qorv_refresh") == 2; }));
-    tvhost::network::SetType(2);
-    ASSERT_TRUE(RunUntil([&] { return log.Has("m_ConnectionTypeChangedCB() is called. type : 2"); }));
-    EXPECT_EQ(sim->Calls("qorv_refresh"), 2) << "cellular is not Wi-Fi or Ethernet";
-    EXPECT_FALSE(log.Has("Fail to Refresh the QORV!"));
-}
-
-TEST_F(ManagerTest, EachConstructFailureReturnsMinusOneWithItsFatalLine)
-{
-    const int kFatal = 7;
-    tvhost::network::QueueResult("connection_create", -1);
-    EXPECT_EQ(Peer::Get().Construct(), -1);
-    EXPECT_EQ(log.PriorityOf("connection_create() is failed\n"), kFatal);
-    EXPECT_EQ(tvhost::network::CallCount("connection_set_type_changed_cb"), 0);
-    Peer::TearDown();
-
-    log.Clear();
-    tvhost::network::QueueResult("connection_set_type_changed_cb", -1);
-    EXPECT_EQ(Peer::Get().Construct(), -1);
-    EXPECT_EQ(log.PriorityOf("connection_set_type_changed_cb() is failed\n"), kFatal);
-    bool bHandleLogged = false;
-    for (const auto &m : log.Messages())
-        bHandleLogged |= m.rfind("connection_create() is successful. connection : 0x", 0) == 0 && m.back() == '\n';
-    EXPECT_TRUE(bHandleLogged);
-    Peer::TearDown();
-
-    // The data folder cannot be made: a missing folder and a failing mkdir.
-    log.Clear();
-    std::string data = tvhost::Root() + "/opt/usr/apps/org.kelvar.lumora/data";
-    std::filesystem::remove_all(data);
-    std::string tools = tvhost::Root() + "/../failing-tools";
-    std::filesystem::create_directories(tools);
-    {
-        std::ofstream script(tools + "/mkdir");
-        script << "#!/bin/sh\nexit 1\n";
-    }
-    chmod((tools + "/mkdir").c_str(), 0755);
-    std::string savedPath = std::getenv("PATH");
-    setenv("PATH", (tools + ":" + savedPath).c_str(), 1);
-    int nCreates = tvhost::network::CallCount("connection_create");
-    int nResult = Peer::Get().Construct();
-    setenv("PATH", savedPath.c_str(), 1);
-    EXPECT_EQ(nResult, -1);
-    EXPECT_EQ(log.PriorityOf("Create the data folder failed\n"), kFatal);
-    EXPECT_EQ(tvhost::network::CallCount("connection_create"), nCreates);
-    Peer::TearDown();
-
-    // The next start prepares the folder again.
-    log.Clear();
-    EXPECT_EQ(Peer::Get().Construct(), 0);
-    std::error_code ec;
-    EXPECT_TRUE(std::filesystem::exists(data + "/mode.xml", ec));
-}
-
-TEST_F(ManagerTest, LanguageTextsSendThePartBeforeTheFirstDot)
-{
-    StartWithWidget();
-    struct Case {
-        const char *text;
-        const char *sent;     // language sent, or null for nothing
-        const char *message;  // the line that says why
+    struct {
+        const char *fn;
+        Texts lines;
     } cases[] = {
-        {"ko_KR.UTF-8", "ko_KR", "The language to set is ko_KR!"},
-        {"en_US.UTF-8.x", "en_US", "The language to set is en_US!"},
-        {"en", nullptr, "The string has the wrong format!"},
-        {".UTF-8", nullptr, "The string is empty!"},
+        {"connection_create", {"7 connection_create() is failed\n"}},
+        {"connection_set_type_changed_cb",
+         {"3 connection_create() is successful. connection : 0x?\n", "7 connection_set_type_changed_cb() is failed\n"}},
     };
     for (const auto &c : cases) {
+        tvhost::network::QueueResult(c.fn, -1);
+        EXPECT_EQ(Peer::Get().Construct(), -1);
+        EXPECT_EQ(Own(log), Concat({"3 LumoraManager::LumoraManager()"}, c.lines));
+        Peer::TearDown();
         log.Clear();
-        int nBefore = sim->Calls("qorv_excute");
-        Peer::SetLanguage(c.text);
-        EXPECT_TRUE(log.Has(c.message)) << c.text;
-        if (c.sent) {
-            EXPECT_EQ(LanguageCommands(log), (std::vector<std::string>{std::string("SetLanguage ") + c.sent,
-                                                                        std::string("SetSystemLanguage ") + c.sent}));
-        } else {
-            EXPECT_EQ(sim->Calls("qorv_excute"), nBefore) << c.text;
-        }
     }
-}
-
-TEST_F(ManagerTest, LanguageCallbackIgnoresOtherKeysTypesAndMissingData)
-{
-    StartWithWidget();
-    const int kError = 6;
-    int nBefore = sim->Calls("qorv_excute");
-
-    LumoraManager::m_CbSystemLanguageChanged(nullptr, nullptr);
-    EXPECT_EQ(log.PriorityOf("The pManager is NULL"), kError);
-    LumoraManager::m_CbSystemLanguageChanged(nullptr, &Peer::Get());
-    EXPECT_EQ(log.PriorityOf("keyName==NULL"), kError);
-
-    // The same callback on another key, and the language key turned integer.
-    vconf_notify_key_changed("db/lumora/other", LumoraManager::m_CbSystemLanguageChanged, &Peer::Get());
-    tvhost::settings::SetString("db/lumora/other", "de_DE.UTF-8");
-    ASSERT_TRUE(RunUntil([&] { return log.Has("The keyName is [db/lumora/other]"); }));
-    log.Clear();
-    tvhost::settings::SetInt(kLanguageKey, 5);
-    ASSERT_TRUE(RunUntil([&] { return log.Has("The keyName is [db/menu_widget/language]"); }));
-    tvhost::mainloop::RunFor(100ms);
-    EXPECT_EQ(sim->Calls("qorv_excute"), nBefore);
-    EXPECT_FALSE(log.Has("Current Language is de_DE.UTF-8"));
 }
 
 TEST_F(ManagerTest, OneInstanceUntilReleased)
 {
     LumoraManager *p = LumoraManager::GetInstance();
     EXPECT_EQ(LumoraManager::GetInstance(), p);
-    EXPECT_EQ(log.Count("LumoraManager::LumoraManager()"), 1);
     LumoraManager::ReleaseInstance();
-    EXPECT_EQ(log.Count("LumoraManager::~LumoraManager()"), 1);
-    EXPECT_FALSE(Peer::HasInstance());
     LumoraManager::ReleaseInstance();  // a second release does nothing
-    EXPECT_EQ(log.Count("LumoraManager::~LumoraManager()"), 1);
+    EXPECT_EQ(Own(log), (Texts{"3 LumoraManager::LumoraManager()", "3 LumoraManager::~LumoraManager()"}));
+}
+
+TEST_F(ManagerTest, EngineEventsAreDispatchedByKind)
+{
+    StartWithWidget();
+    tvhost::notifications::DrawTo(nullptr);
+    const std::string kAirCon = "<DeviceNotification id=\"7\" type=\"alarm\"><Device id=\"ac1\" type=\"Air Conditioner\">Living room AC"
+                                "</Device><Notification>Filter needs cleaning</Notification><Action type=\"open\">Widget</Action>"
+                                "<DisplayOption flag=\"On\" condition=\"Always\"/></DeviceNotification>";
+    const std::string kRegistered = "<RegisteredDevice id=\"1\" status=\"Connected\"><Type>Air Conditioner</Type><Name>Living room"
+                                    "</Name></RegisteredDevice><RegisteredDevice id=\"2\" status=\"Connected\"><Type>Washer</Type>"
+                                    "<Name>Bath</Name></RegisteredDevice>";
+    const std::string kMasterKeys = "<MasterKeyList><MasterKey id=\"1\" name=\"Power\">PWR</MasterKey></MasterKeyList>";
+    struct {
+        int nEvent;
+        std::string p1, p2;
+        Texts lines;  // after the entry line
+        size_t nPosted;
+    } cases[] = {
+        {5, kAirCon, "", {}, 1},
+        {5, "<DeviceNotification", "", {}, 1},
+        {5, std::regex_replace(kAirCon, std::regex("flag=\"On\""), "flag=\"on\""), "", {}, 1},
+        {1, "<l><NewDevice id=\"n1\"><Type>Washer</Type></NewDevice><NewDevice id=\"n2\"><Type>Air Conditioner</Type>"
+            "</NewDevice></l>", "", {}, 2},
+        {1, "<l><NewDevice id=\"x\"/></l>", "", {}, 2},
+        // The registered list is kept until the next one; what it holds after a parse is reported, success or not.
+        {0, "<l>" + kRegistered + "</l>", "p2", {"3 Device list : strID = 1", "3 Device list : strCtrlName = Living room",
+                                                 "3 Device list : status = Connected", "3 Device list : type = Air Conditioner"}, 2},
+        {0, "<l><RegisteredDevice id=\"9\" status=\"Off\"><Type>Air Conditioner</Type><Name>Hall</Name></RegisteredDevice>"
+            "<RegisteredDevice id=\"10\"><Type>Air Conditioner</Type></RegisteredDevice>" + kRegistered + "</l>", "",
+         {"3 Device list : strID = 9", "3 Device list : strCtrlName = Hall", "3 Device list : status = Off",
+          "3 Device list : type = Air Conditioner"}, 2},
+        {0, "not xml", "", {}, 2},
+        {12290, kMasterKeys, "<MasterKeyList><MasterKey id=\"2\">IGN</MasterKey></MasterKeyList>", {"3 add master key PWR"}, 2},
+        {12290, "<Other/>", "", {"3 root node != ControllableDevice", "3 call m_ParseMasterKeyMessage fail"}, 2},
+        {2, kAirCon, "x", {}, 2},
+        {12289, kMasterKeys, "", {}, 2},
+        {-1, "", "", {}, 2},
+        {12291, "", "", {"3 In HAC_EVENT_TV_POWER_OFF condition "}, 2},
+    };
+    log.Clear();
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.nEvent);
+        EXPECT_EQ(sim->Emit(c.nEvent, c.p1.c_str(), c.p2.c_str()), 0);
+        EXPECT_EQ(Own(log), Concat({"3 Enter LumoraManager::OnQorvEvent, event type is " + std::to_string(c.nEvent) +
+                                    ", strParam1 = " + c.p1 + ", strParam2 = " + c.p2}, c.lines));
+        EXPECT_EQ(tvhost::notifications::Posted().size(), c.nPosted);
+    }
+    auto posted = tvhost::notifications::Posted();
+    EXPECT_EQ(posted[0].title.value_or("") + "|" + posted[0].body.value_or(""), "Living room AC|Filter needs cleaning");
+    EXPECT_EQ(posted[1].body.value_or(""), "Air Conditioner 1, Washer 1TV_NEW_HOME_APPLIANCE_DETECTED");
+    EXPECT_EQ(tvhost::power::Requests(), std::vector<int>{3});
+}
+
+TEST_F(Catalogue, MasterKeysAreReplacedOnlyByADocumentThatReachesItsKeys)
+{
+    EXPECT_TRUE(Peer::ParseMasterKeys("<MasterKeyList><MasterKey id=\"1\" name=\"Power\">PWR</MasterKey><MasterKey id=\"2\">"
+                                      "VOL</MasterKey><MasterKey id=\"3\" name=\"Late\">PWR</MasterKey></MasterKeyList>"));
+    ASSERT_EQ(Peer::MasterKeys().size(), 3u);
+    EXPECT_EQ(Peer::MasterKeyName("PWR"), "Power") << "the earlier record wins";
+    EXPECT_EQ(Peer::MasterKeyName("VOL"), "") << "no name";
+    EXPECT_EQ(Peer::MasterKeyName("1"), "") << "looked up by key text, not id";
+
+    // Each failure is logged as the parser's own; a wrong root is called ControllableDevice.
+    struct {
+        const char *doc, *line;
+    } bad[] = {
+        {"<MasterKeyList>", "doc parsed error"},
+        {"<ControllableDevice><MasterKey id=\"9\">X</MasterKey></ControllableDevice>", "root node != ControllableDevice"},
+        {"<MasterKeyList><Other/></MasterKeyList>", "supported_MasterKey is null"},
+    };
+    for (const auto &b : bad) {
+        log.Clear();
+        EXPECT_FALSE(Peer::ParseMasterKeys(b.doc)) << b.doc;
+        ASSERT_EQ(log.Records().size(), 1u) << b.doc;
+        EXPECT_EQ(log.Records()[0].text.substr(0, log.Records()[0].text.find('(')) + MessageOf(log.Records()[0].text),
+                  std::string("LumoraManager.cpp:m_ParseMasterKeyMessage") + b.line);
+        EXPECT_EQ(Peer::MasterKeys().size(), 3u) << "a failed document keeps the list";
+    }
+
+    // A key without id ends the walk; an empty id is still an id.
+    log.Clear();
+    EXPECT_TRUE(Peer::ParseMasterKeys("<MasterKeyList><MasterKey id=\"\" name=\"One\">K1</MasterKey><MasterKey name=\"Two\">K2"
+                                      "</MasterKey><MasterKey id=\"3\">K3</MasterKey></MasterKeyList>"));
+    ASSERT_EQ(Peer::MasterKeys().size(), 1u);
+    EXPECT_EQ(Peer::MasterKeys()[0].id + "|" + Peer::MasterKeys()[0].key, "|K1");
+    EXPECT_EQ(Own(log), (Texts{"3 add master key K1", "3 MasterKey id is empty"}));
+}
+
+TEST_F(Catalogue, DeviceTypesAreOnlyLogged)
+{
+    EXPECT_TRUE(Peer::ParseDeviceTypes("<ControllableDevice><Device a=\"x\">Washer</Device><Other>No</Other>"
+                                       "<Device>Air Conditioner</Device></ControllableDevice>"));
+    EXPECT_FALSE(Peer::ParseDeviceTypes("<Devices><Device>Washer</Device></Devices>"));
+    EXPECT_FALSE(Peer::ParseDeviceTypes("<ControllableDevice/>"));
+    EXPECT_FALSE(Peer::ParseDeviceTypes(""));
+    Peer::Get().m_PrintCurrentDeviceTypeList();
+    EXPECT_EQ(Own(log), (Texts{"3 type = Washer", "3 type = Air Conditioner", "3 root node != ControllableDevice",
+                               "3 supported_type is null", "3 doc parsed error"}));
+}
+
+TEST_F(Catalogue, RegisteredDevicesAppendUntilTheFirstIncompleteOne)
+{
+    const std::string doc = "<Any><RegisteredDevice id=\"1\" status=\"On\"><Type>Washer</Type><x/><Name>Bath</Name>"
+                            "</RegisteredDevice><RegisteredDevice id=\"2\"><Type>TV</Type><Name>Den</Name></RegisteredDevice></Any>";
+    EXPECT_TRUE(Peer::ParseRegistered(doc));
+    EXPECT_TRUE(Peer::ParseDeviceNames(doc));
+    // Name before Type is not seen; a missing id or Type ends the walk too.
+    EXPECT_TRUE(Peer::ParseRegistered("<Any><RegisteredDevice id=\"3\"><Name>Early</Name><Type>TV</Type></RegisteredDevice>"
+                                      "<RegisteredDevice id=\"4\"><Type>TV</Type><Name>Late</Name></RegisteredDevice></Any>"));
+    EXPECT_TRUE(Peer::ParseRegistered("<Any><RegisteredDevice><Type>TV</Type><Name>N</Name></RegisteredDevice></Any>"));
+    EXPECT_TRUE(Peer::ParseRegistered("<Any><RegisteredDevice id=\"5\"><Name>N</Name></RegisteredDevice></Any>"));
+    EXPECT_FALSE(Peer::ParseRegistered("<Any><Device/></Any>"));
+    Peer::Get().m_PrintCurrentDeviceList();
+    EXPECT_EQ(Own(log), (Texts{"3 can not find Name Element", "3 RegisteredDevice id is empty", "3 can not find Type Element",
+                               "3 RegisteredDevice is null", "3 id:[1],name:[Bath]", "3 id:[2],name:[Den]",
+                               "3 id:[1],name:[Bath]", "3 id:[2],name:[Den]"}));
+    const auto &devices = Peer::Devices();
+    EXPECT_EQ(devices[0].status + "|" + devices[0].type + "|" + devices[1].status, "On|Washer|");
+
+    // The two names share one parser but log under their own.
+    Peer::ParseDeviceNames("<x");
+    Peer::ParseRegistered("<x");
+    auto records = log.Records();
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_NE(records[0].text.find(":m_ParseDeviceNameList("), std::string::npos) << records[0].text;
+    EXPECT_NE(records[1].text.find(":m_ParseRegisteredDevice("), std::string::npos) << records[1].text;
+}
+
+TEST_F(Catalogue, VoiceCommandsKeepTheFirstPhraseAndSkipDegree)
+{
+    const std::string doc =
+        "<Commands><Command><SubCommandList>"
+        "<SubCommand type=\"set\" service=\"power\" var=\"v\" value=\"on\">Turn on</SubCommand>"
+        "<SubCommand type=\"set\" service=\"temp\">Degree up</SubCommand>"
+        "<SubCommand type=\"set\" service=\"temp\">Set 20 Degree</SubCommand>"
+        "<SubCommand type=\"set\" service=\"temp\">one degree up</SubCommand>"
+        "<SubCommand type=\"set\" service=\"other\">Turn on</SubCommand>"
+        "<SubCommand type=\"get\" service=\"status\"/>"
+        "</SubCommandList><SubCommandList><SubCommand type=\"x\" service=\"y\">Second list</SubCommand></SubCommandList>"
+        "</Command><Command><SubCommandList><SubCommand service=\"s\">No type</SubCommand>"
+        "<SubCommand type=\"t\" service=\"s\">After bad</SubCommand></SubCommandList></Command>"
+        "<Command><SubCommandList><SubCommand type=\"t\" service=\"mode\">Cool mode</SubCommand></SubCommandList></Command>"
+        "</Commands>";
+    EXPECT_TRUE(Peer::ParseCommands(doc));
+    EXPECT_TRUE(Peer::ParseCommands(doc));
+    // A command without a list ends the walk; a bad sub-command ends only its list.
+    EXPECT_TRUE(Peer::ParseCommands("<C><Command/><Command><SubCommandList><SubCommand type=\"a\" service=\"b\">Late"
+                                    "</SubCommand></SubCommandList></Command></C>"));
+    EXPECT_TRUE(Peer::ParseCommands("<C><Command><SubCommandList/></Command></C>"));
+    EXPECT_TRUE(Peer::ParseCommands("<C><Command><SubCommandList><SubCommand type=\"a\">x</SubCommand></SubCommandList>"
+                                    "</Command></C>"));
+    EXPECT_FALSE(Peer::ParseCommands("<C/>"));
+    EXPECT_EQ(Own(log), (Texts{"3 SubCommand type is empty", "3 SubCommand type is empty", "3 sub_command_list is null",
+                               "3 sub_command is null", "3 SubCommand service is empty", "3 command is null"}));
+    Peer::Get().m_PrintCurrentCommandList();
+    Texts lines = Own(log), entries;
+    ASSERT_EQ(lines.size(), 20u);
+    for (size_t i = 0; i < lines.size(); i += 5)
+        entries.push_back(lines[i] + lines[i + 1] + lines[i + 2] + lines[i + 3] + lines[i + 4]);
+    // Ordered by phrase; a sub-command without one is stored under the empty phrase.
+    EXPECT_EQ(entries, (Texts{"3 voice_cmd:[]3 execute_cmd:[get]3 service_id:[status]3 service_var:[]3 service_value:[]",
+                              "3 voice_cmd:[Cool mode]3 execute_cmd:[t]3 service_id:[mode]3 service_var:[]3 service_value:[]",
+                              "3 voice_cmd:[Turn on]3 execute_cmd:[set]3 service_id:[power]3 service_var:[v]3 service_value:[on]",
+                              "3 voice_cmd:[one degree up]3 execute_cmd:[set]3 service_id:[temp]3 service_var:[]3 service_value:[]"}));
 }
