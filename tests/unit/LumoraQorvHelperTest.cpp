@@ -110,14 +110,21 @@ TEST(LumoraQorvHelper, BrokenLibrariesLeaveTheBindingUsableAndSayWhatIsMissing)
         EXPECT_EQ(lines[2], "6 CLumoraQorvHelper the m_pQorv_Start is NULL!");
     }
     {
-        // A missing symbol ends the lookup; a stop that cannot be made leaves it started.
+        // A missing symbol ends the lookup: register, execute and refresh are there but
+        // never looked up. A stop that cannot be made leaves it started.
         LibraryPath path(EngineSim::Variant("nostop"));
         CLumoraQorvHelper helper;
+        Recorder rec;
         ASSERT_EQ(helper.StartQorv(), 1);
+        EXPECT_EQ(helper.SetCallback(&rec), 0);
+        EXPECT_EQ(helper.RefreshQorv(), 0);
+        EXPECT_EQ(helper.Execute("SetLanguage", "en", "", "", ""), "");
         EXPECT_EQ(helper.StopQorv(), 0);
         EXPECT_EQ(helper.StopQorv(), 0);
         EXPECT_EQ(Lines(log), (Texts{"6 CLumoraQorvHelper Get the qorv_stop function failed!",
                                      "3 CLumoraQorvHelper Begin to start qorv!", "3 CLumoraQorvHelper start qorv success!",
+                                     "6 CLumoraQorvHelper the m_pQrov_RegisterCallBack is NULL!",
+                                     "6 CLumoraQorvHelper the m_pQorv_Refresh is NULL!", "6 CLumoraQorvHelper the m_pQorv_Execute is NULL!",
                                      "6 CLumoraQorvHelper the m_pQorv_Stop is NULL!", "6 CLumoraQorvHelper the m_pQorv_Stop is NULL!"}));
     }
     {
