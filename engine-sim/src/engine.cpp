@@ -380,9 +380,6 @@ int Engine::Deliver(int nEvent, const char *pParam1, const char *pParam2)
         std::lock_guard<std::mutex> lock(m_mutex);
         pfnCallback = m_pfnCallback;
     }
-#ifdef QORV_SIM_NULL_TEXT
-    pParam1 = nullptr;  // the broken engine the binding must survive
-#endif
     if (!pfnCallback)
         return -2;
     return pfnCallback(nEvent, pParam1, pParam2);
