@@ -25,13 +25,13 @@ std::string StateDir(const std::string &area)
     return dir;
 }
 
-std::string EscapeName(const std::string &name)
+std::string PercentEscape(const std::string &text, bool (*bEscape)(unsigned char c, size_t at))
 {
     static const char hex[] = "0123456789ABCDEF";
     std::string out;
-    for (size_t i = 0; i < name.size(); ++i) {
-        unsigned char c = static_cast<unsigned char>(name[i]);
-        if (c == '/' || c == '%' || c == '\0' || (i == 0 && c == '.')) {
+    for (size_t i = 0; i < text.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (bEscape(c, i)) {
             out += '%';
             out += hex[c >> 4];
             out += hex[c & 15];
@@ -40,6 +40,13 @@ std::string EscapeName(const std::string &name)
         }
     }
     return out;
+}
+
+std::string EscapeName(const std::string &name)
+{
+    return PercentEscape(name, [](unsigned char c, size_t at) {
+        return c == '/' || c == '%' || c == '\0' || (at == 0 && c == '.');
+    });
 }
 
 bool WriteFileAtomically(const std::string &path, const std::string &content)

@@ -10,6 +10,10 @@ namespace detail {
 // <TV root>/opt/var/tvhost/<area>, created on first use.
 std::string StateDir(const std::string &area);
 
+// text with every byte for which bEscape(byte, position) holds written as
+// %XX (upper-case hex).
+std::string PercentEscape(const std::string &text, bool (*bEscape)(unsigned char c, size_t at));
+
 // A file name for an arbitrary name: '/' and '%' are %-escaped and a leading
 // '.' too, so no name can leave its folder or look like a temporary file.
 std::string EscapeName(const std::string &name);

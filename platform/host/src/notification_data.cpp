@@ -27,6 +27,7 @@
 #include <unistd.h>
 
 #include "fault.h"
+#include "host_files.h"
 #include "registry.h"
 #include "tvhost/notifications.h"
 #include "tvhost/tvhost.h"
@@ -599,18 +600,7 @@ constexpr int kRemoteAnswerSeconds = 20;
 
 std::string Escape(const std::string &text)
 {
-    static const char hex[] = "0123456789ABCDEF";
-    std::string out;
-    for (unsigned char c : text) {
-        if (c == '%' || c < 0x20 || c == 0x7F) {
-            out += '%';
-            out += hex[c >> 4];
-            out += hex[c & 15];
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out;
+    return detail::PercentEscape(text, [](unsigned char c, size_t) { return c == '%' || c < 0x20 || c == 0x7F; });
 }
 
 bool Unescape(const std::string &text, std::string &out)
