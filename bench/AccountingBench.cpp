@@ -107,10 +107,20 @@ void EventArgs(benchmark::internal::Benchmark *b)
 } // namespace
 
 BENCHMARK(BM_HeapKept)->Apply(EventArgs)->ArgNames({"event"})->Iterations(kKeptEvents)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_PlatformShare)->Arg(1)->Arg(5)->ArgNames({"event"})->Iterations(kTimedEvents)
-    ->Repetitions(kRepetitions)->DisplayAggregatesOnly(true);
-BENCHMARK(BM_DispatchPlatformAnswersAtOnce)->Arg(1)->Arg(5)->ArgNames({"event"})->Iterations(kTimedEvents)
-    ->Repetitions(kRepetitions)->DisplayAggregatesOnly(true);
+BENCHMARK(BM_PlatformShare)
+    ->Arg(1)
+    ->Arg(5)
+    ->ArgNames({"event"})
+    ->Iterations(kTimedEvents)
+    ->Repetitions(kRepetitions)
+    ->DisplayAggregatesOnly(true);
+BENCHMARK(BM_DispatchPlatformAnswersAtOnce)
+    ->Arg(1)
+    ->Arg(5)
+    ->ArgNames({"event"})
+    ->Iterations(kTimedEvents)
+    ->Repetitions(kRepetitions)
+    ->DisplayAggregatesOnly(true);
 
 int main(int argc, char **argv)
 {

@@ -31,7 +31,7 @@ std::string Fmt(const char *pFormat, double d)
 struct Target {
     std::string what;
     std::string value;
-    int nVerdict;  // 1 pass, 0 miss, -1 not measured
+    int nVerdict; // 1 pass, 0 miss, -1 not measured
 };
 std::vector<Target> g_targets;
 
@@ -76,18 +76,20 @@ int main(int argc, char **argv)
         const std::string on = "BM_Dispatch/event:" + n + "/log:1.";
         const double dRatio = Get(off + "ratio");
         std::printf("  %-26s %13s %9s %7s %17s %7s\n", (n + " " + e.pName).c_str(),
-                    Fmt("%.2f", Get(off + "libxml2_ns") / 1e3).c_str(), Fmt("%.2f", Get(off + "dispatch_ns") / 1e3).c_str(),
-                    Fmt("%.2fx", dRatio).c_str(), Fmt("%.2f", Get(on + "dispatch_ns") / 1e3).c_str(),
-                    Fmt("%.2fx", Get(on + "ratio")).c_str());
+                    Fmt("%.2f", Get(off + "libxml2_ns") / 1e3).c_str(),
+                    Fmt("%.2f", Get(off + "dispatch_ns") / 1e3).c_str(), Fmt("%.2fx", dRatio).c_str(),
+                    Fmt("%.2f", Get(on + "dispatch_ns") / 1e3).c_str(), Fmt("%.2fx", Get(on + "ratio")).c_str());
         if (e.n == 1 || e.n == 5)
             AddTarget("event " + n + " dispatch, log off, within 1.3x of libxml2 alone", Fmt("%.2fx", dRatio), dRatio,
                       dRatio <= 1.3);
     }
     std::printf("  (log on: the platform log switched on, capture and echo off: every line formatted, then dropped)\n");
 
-    std::printf("\n  Events 1 and 5, log off, where the time goes (lumora_bench_accounting): the share inside tvhost's\n"
-                "  add_notification_data and was_* calls, and the dispatch when those calls answer at once\n");
-    std::printf("  %-26s %18s %28s %16s\n", "event", "in tvhost's calls", "platform answering at once", "/ libxml2 alone");
+    std::printf(
+        "\n  Events 1 and 5, log off, where the time goes (lumora_bench_accounting): the share inside tvhost's\n"
+        "  add_notification_data and was_* calls, and the dispatch when those calls answer at once\n");
+    std::printf("  %-26s %18s %28s %16s\n", "event", "in tvhost's calls", "platform answering at once",
+                "/ libxml2 alone");
     for (const auto &e : events) {
         if (e.n != 1 && e.n != 5)
             continue;
@@ -103,11 +105,13 @@ int main(int argc, char **argv)
     std::printf("\nOne LUMORA_LOG line (the dispatcher's first, with a document argument), CPU ns\n");
     std::printf("  %-26s %12s\n  %-26s %12s\n", "log switched off", Fmt("%.2f", dLogOff).c_str(), "log on, not echoed",
                 Fmt("%.1f", dLogOn).c_str());
-    AddTarget("a switched-off log call within a few ns (single digits)", Fmt("%.2f ns", dLogOff), dLogOff, dLogOff < 10.0);
+    AddTarget("a switched-off log call within a few ns (single digits)", Fmt("%.2f ns", dLogOff), dLogOff,
+              dLogOff < 10.0);
 
     std::printf("\nHeap kept per event after 100,000 events, bytes (log off; tvhost = what the platform keeps\n"
                 "inside the service's calls: notification-data service / web-app service / log)\n");
-    std::printf("  %-26s %10s %10s %10s   %s\n", "event", "total", "service", "tvhost", "tvhost: notification / was / log");
+    std::printf("  %-26s %10s %10s %10s   %s\n", "event", "total", "service", "tvhost",
+                "tvhost: notification / was / log");
     for (const auto &e : events) {
         const std::string key = "BM_HeapKept/event:" + std::to_string(e.n) + ".";
         const double dTotal = Get(key + "kept_B");
@@ -116,7 +120,8 @@ int main(int argc, char **argv)
                     Fmt("%.1f", Get(key + "tvhost_B")).c_str(), Fmt("%.1f", Get(key + "tvhost_noti_B")).c_str(),
                     Fmt("%.1f", Get(key + "tvhost_was_B")).c_str(), Fmt("%.1f", Get(key + "tvhost_log_B")).c_str());
         if (e.n == 0)
-            AddTarget("event 0 keeps no bytes (< 1 B per event)", Fmt("%.2f B", dTotal), dTotal, std::fabs(dTotal) < 1.0);
+            AddTarget("event 0 keeps no bytes (< 1 B per event)", Fmt("%.2f B", dTotal), dTotal,
+                      std::fabs(dTotal) < 1.0);
     }
 
     const double dWindow = Get("idle.window_s");
@@ -126,8 +131,8 @@ int main(int argc, char **argv)
     const double dWake = Get("idle.voluntary_per_min");
     const double dSettings = Get("idle.settings_changes_per_min");
     std::printf("  %-40s %10s\n", "wake-ups (voluntary context switches)/min", Fmt("%.1f", dWake).c_str());
-    std::printf("  %-40s %10s  (the others: preemptions, which the machine's load makes)\n",
-                "all context switches/min", Fmt("%.1f", Get("idle.wakeups_per_min")).c_str());
+    std::printf("  %-40s %10s  (the others: preemptions, which the machine's load makes)\n", "all context switches/min",
+                Fmt("%.1f", Get("idle.wakeups_per_min")).c_str());
     std::printf("    %-10s %-28s %12s %12s\n", "thread", "(waits in)", "voluntary", "involuntary");
     for (const auto &kv : g_results) {
         const std::string prefix = "idle.thread.";

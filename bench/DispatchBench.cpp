@@ -54,14 +54,18 @@ void DispatchArgs(benchmark::internal::Benchmark *b)
 
 } // namespace
 
-BENCHMARK(BM_Dispatch)->Apply(DispatchArgs)->ArgNames({"event", "log"})->Iterations(kDispatchIterations)
-    ->Repetitions(kRepetitions)->DisplayAggregatesOnly(true);
+BENCHMARK(BM_Dispatch)
+    ->Apply(DispatchArgs)
+    ->ArgNames({"event", "log"})
+    ->Iterations(kDispatchIterations)
+    ->Repetitions(kRepetitions)
+    ->DisplayAggregatesOnly(true);
 BENCHMARK(BM_LogCall)->Arg(0)->Arg(1)->ArgNames({"log"})->Repetitions(kRepetitions)->DisplayAggregatesOnly(true);
 
 int main(int argc, char **argv)
 {
     QuietHost();
-    EngineEvents();  // read the scenario before anything is timed
+    EngineEvents(); // read the scenario before anything is timed
     g_pSession.reset(new ServiceSession);
     int nStatus = RunBenchmarks(argc, argv);
     g_pSession.reset();

@@ -48,7 +48,8 @@ std::vector<EngineEvent> Build()
     noti.strCondition = pNotify->strCondition;
 
     return {
-        {qorvsim::kEventRegisteredDevices, "registered devices", qorvsim::RegisteredDeviceList(mode.home.vctRegistered)},
+        {qorvsim::kEventRegisteredDevices, "registered devices",
+         qorvsim::RegisteredDeviceList(mode.home.vctRegistered)},
         {qorvsim::kEventNewDevices, "new devices", qorvsim::NewDeviceList(vctNew)},
         {qorvsim::kEventDeviceNotification, "device notification", qorvsim::DeviceNotification(noti, *pDevice)},
         {qorvsim::kEventMasterKeys, "master keys", qorvsim::MasterKeyList(mode.home.vctMasterKeys)},

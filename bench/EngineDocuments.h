@@ -10,7 +10,7 @@ namespace lumorabench {
 struct EngineEvent {
     int nEvent;
     const char *pName;
-    std::string strParam1;  // the second text is empty, as the engine sends it
+    std::string strParam1; // the second text is empty, as the engine sends it
 };
 
 // Events 0, 1, 5 and 12290, in that order. Aborts when the scenario cannot be read.

@@ -84,12 +84,12 @@ struct ThreadSample {
     std::string name;
     long long nVoluntary = 0;
     long long nInvoluntary = 0;
-    long long nRuntimeNs = 0;  // schedstat: time on a CPU
+    long long nRuntimeNs = 0; // schedstat: time on a CPU
 };
 
 struct Sample {
     std::map<int, ThreadSample> threads;
-    long long nTicks = 0;  // utime + stime of the process
+    long long nTicks = 0; // utime + stime of the process
 };
 
 Sample Take(pid_t pid)
@@ -157,8 +157,7 @@ public:
     void Drain()
     {
         char buf[512];
-        while (recv(m_fd, buf, sizeof buf, MSG_DONTWAIT) > 0) {
-        }
+        while (recv(m_fd, buf, sizeof buf, MSG_DONTWAIT) > 0) {}
     }
 
     // Receives messages until deadline; counts the watchdog ones. Returns

@@ -37,8 +37,8 @@ struct OwnerScope {
     ~OwnerScope()
     {
         t_eOwner = ePrevious;
-        t_nPlatformNs += std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - start)
-                             .count();
+        t_nPlatformNs +=
+            std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - start).count();
     }
 };
 
@@ -62,7 +62,10 @@ std::atomic_flag g_lock = ATOMIC_FLAG_INIT;
 Live g_live;
 
 struct SpinLock {
-    SpinLock() { while (g_lock.test_and_set(std::memory_order_acquire)) {} }
+    SpinLock()
+    {
+        while (g_lock.test_and_set(std::memory_order_acquire)) {}
+    }
     ~SpinLock() { g_lock.clear(std::memory_order_release); }
 };
 
@@ -235,8 +238,14 @@ int __wrap___dlog_vprint(log_id_t log_id, int prio, const char *tag, const char 
 
 // ---- every C++ allocation of the process ----------------------------------
 
-void *operator new(std::size_t n) { return platformacct::Allocate(n); }
-void *operator new[](std::size_t n) { return platformacct::Allocate(n); }
+void *operator new(std::size_t n)
+{
+    return platformacct::Allocate(n);
+}
+void *operator new[](std::size_t n)
+{
+    return platformacct::Allocate(n);
+}
 void *operator new(std::size_t n, const std::nothrow_t &) noexcept
 {
     try {
@@ -253,15 +262,51 @@ void *operator new[](std::size_t n, const std::nothrow_t &) noexcept
         return nullptr;
     }
 }
-void *operator new(std::size_t n, std::align_val_t a) { return platformacct::AllocateAligned(n, a); }
-void *operator new[](std::size_t n, std::align_val_t a) { return platformacct::AllocateAligned(n, a); }
-void operator delete(void *p) noexcept { platformacct::Release(p); }
-void operator delete[](void *p) noexcept { platformacct::Release(p); }
-void operator delete(void *p, std::size_t) noexcept { platformacct::Release(p); }
-void operator delete[](void *p, std::size_t) noexcept { platformacct::Release(p); }
-void operator delete(void *p, const std::nothrow_t &) noexcept { platformacct::Release(p); }
-void operator delete[](void *p, const std::nothrow_t &) noexcept { platformacct::Release(p); }
-void operator delete(void *p, std::align_val_t) noexcept { platformacct::Release(p); }
-void operator delete[](void *p, std::align_val_t) noexcept { platformacct::Release(p); }
-void operator delete(void *p, std::size_t, std::align_val_t) noexcept { platformacct::Release(p); }
-void operator delete[](void *p, std::size_t, std::align_val_t) noexcept { platformacct::Release(p); }
+void *operator new(std::size_t n, std::align_val_t a)
+{
+    return platformacct::AllocateAligned(n, a);
+}
+void *operator new[](std::size_t n, std::align_val_t a)
+{
+    return platformacct::AllocateAligned(n, a);
+}
+void operator delete(void *p) noexcept
+{
+    platformacct::Release(p);
+}
+void operator delete[](void *p) noexcept
+{
+    platformacct::Release(p);
+}
+void operator delete(void *p, std::size_t) noexcept
+{
+    platformacct::Release(p);
+}
+void operator delete[](void *p, std::size_t) noexcept
+{
+    platformacct::Release(p);
+}
+void operator delete(void *p, const std::nothrow_t &) noexcept
+{
+    platformacct::Release(p);
+}
+void operator delete[](void *p, const std::nothrow_t &) noexcept
+{
+    platformacct::Release(p);
+}
+void operator delete(void *p, std::align_val_t) noexcept
+{
+    platformacct::Release(p);
+}
+void operator delete[](void *p, std::align_val_t) noexcept
+{
+    platformacct::Release(p);
+}
+void operator delete(void *p, std::size_t, std::align_val_t) noexcept
+{
+    platformacct::Release(p);
+}
+void operator delete[](void *p, std::size_t, std::align_val_t) noexcept
+{
+    platformacct::Release(p);
+}

@@ -11,7 +11,7 @@
 namespace platformacct {
 
 enum Owner : unsigned char {
-    kNobody = 0,  // not tracked: the service, libxml2, the bench itself
+    kNobody = 0, // not tracked: the service, libxml2, the bench itself
     kAddNotification,
     kWasAppInfo,
     kWasAppStatus,
@@ -23,7 +23,7 @@ enum Owner : unsigned char {
 long long HeapInUse();
 
 struct Live {
-    std::array<long long, kOwners> bytes{};  // chunk sizes, as HeapInUse counts them
+    std::array<long long, kOwners> bytes{}; // chunk sizes, as HeapInUse counts them
     std::array<long long, kOwners> blocks{};
 };
 // What each platform call allocated and still holds.

@@ -260,7 +260,8 @@ int Run(const std::vector<std::string> &args)
     }
     tvhost::power::ClearRecorded();
     if (!tvhost::apps::IsInstalled(kWidgetApp))
-        std::fprintf(stderr, "lumora-tv: the widget is not installed, so the engine waits for: lumora-tv widget install\n");
+        std::fprintf(stderr,
+                     "lumora-tv: the widget is not installed, so the engine waits for: lumora-tv widget install\n");
     std::fprintf(stderr, "lumora-tv: starting %s\n", binary.c_str());
     std::fflush(nullptr);
     execl(binary.c_str(), binary.c_str(), static_cast<char *>(nullptr));
@@ -277,7 +278,8 @@ int Status(const std::vector<std::string> &args)
     if (pid) {
         service = "running (pid " + std::to_string(pid) + ")";
         if (noti::remote::Shown(shown, error))
-            service += ", " + std::to_string(shown.size()) + (shown.size() == 1 ? " pop-up" : " pop-ups") + " on screen";
+            service +=
+                ", " + std::to_string(shown.size()) + (shown.size() == 1 ? " pop-up" : " pop-ups") + " on screen";
     }
     std::string language = "(not set)";
     tvhost::settings::GetString(kLanguageKey, language);
@@ -295,8 +297,8 @@ int Reset(const std::vector<std::string> &args)
 {
     ExpectArguments(args, 0, 0, "reset");
     if (int pid = ServicePid())
-        throw Failure("the service runs (pid " + std::to_string(pid) + "); stop it before resetting the host TV: kill " +
-                      std::to_string(pid));
+        throw Failure("the service runs (pid " + std::to_string(pid) +
+                      "); stop it before resetting the host TV: kill " + std::to_string(pid));
     tvhost::apps::SetInstalled(kWidgetApp, true);
     tvhost::apps::SetRunning(kWidgetApp, false);
     tvhost::settings::SetString(kLanguageKey, kFreshLanguage);

@@ -42,8 +42,7 @@ inline std::string DefaultSocketPath()
 /* Sends one event and waits up to nTimeoutSeconds for the answer. True with
  * the service's answer in nResult; false with the reason in strError. */
 inline bool InjectEvent(const std::string &strSocketPath, int nEvent, const std::string &strParam1,
-                        const std::string &strParam2, int &nResult, std::string &strError,
-                        int nTimeoutSeconds = 30)
+                        const std::string &strParam2, int &nResult, std::string &strError, int nTimeoutSeconds = 30)
 {
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;

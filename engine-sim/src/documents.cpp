@@ -41,7 +41,8 @@ std::string NewDeviceList(const std::vector<const Device *> &vctDevices)
 
 std::string DeviceNotification(const Notification &noti, const Device &device)
 {
-    std::string s = "<DeviceNotification id=\"" + EscapeXml(noti.strID) + "\" type=\"" + EscapeXml(noti.strType) + "\">";
+    std::string s =
+        "<DeviceNotification id=\"" + EscapeXml(noti.strID) + "\" type=\"" + EscapeXml(noti.strType) + "\">";
     s += "<Device id=\"" + EscapeXml(device.strID) + "\" type=\"" + EscapeXml(device.strType) + "\">" +
          EscapeXml(device.strName) + "</Device>";
     s += "<Notification>" + EscapeXml(noti.strText) + "</Notification>";

@@ -29,8 +29,7 @@ public:
     Session(Engine &engine, Mode mode, Clock::time_point start, double dSpeed)
         : m_engine(engine), m_home(std::move(mode.home)), m_vctCues(std::move(mode.vctScenario)), m_start(start),
           m_dSpeed(dSpeed)
-    {
-    }
+    {}
 
     // Plays the steps that are due, at most nBudget of them. Returns how long
     // poll may wait for the next one: milliseconds, or -1 for as long as it
@@ -78,8 +77,9 @@ public:
 
     void ReportRegistered(const char *pWhy, bool bTrace = true)
     {
-        Raise(kEventRegisteredDevices, RegisteredDeviceList(m_home.vctRegistered), "", bTrace,
-              [&] { return std::string(pWhy) + ": " + std::to_string(m_home.vctRegistered.size()) + " registered devices"; });
+        Raise(kEventRegisteredDevices, RegisteredDeviceList(m_home.vctRegistered), "", bTrace, [&] {
+            return std::string(pWhy) + ": " + std::to_string(m_home.vctRegistered.size()) + " registered devices";
+        });
     }
 
     int Raise(int nEvent, const std::string &strParam1, const std::string &strParam2, bool bTrace,
@@ -120,12 +120,8 @@ private:
     void Play(const Step &step, bool bTrace)
     {
         switch (step.kind) {
-        case StepKind::RegisteredDevices:
-            ReportRegistered("registered devices", bTrace);
-            break;
-        case StepKind::Refresh:
-            ReportRegistered("refresh", bTrace);
-            break;
+        case StepKind::RegisteredDevices: ReportRegistered("registered devices", bTrace); break;
+        case StepKind::Refresh: ReportRegistered("refresh", bTrace); break;
         case StepKind::NewDevices: {
             std::vector<const Device *> vctFound = NewDevices(step, bTrace);
             if (vctFound.empty()) {
@@ -174,7 +170,7 @@ private:
             if (!d)
                 d = Find(m_home.vctNew, step.strDevice);
             if (!d)
-                break;  // the loader only lets known devices through
+                break; // the loader only lets known devices through
             Notification noti;
             noti.strID = step.strNotiID.empty() ? "n" + std::to_string(m_nNextNotification) : step.strNotiID;
             ++m_nNextNotification;
@@ -183,18 +179,15 @@ private:
             noti.strAction = step.strAction;
             noti.strFlag = step.strFlag;
             noti.strCondition = step.strCondition;
-            Raise(kEventDeviceNotification, DeviceNotification(noti, *d), "", bTrace, [&] {
-                return "notification " + noti.strID + " of " + d->strID + ": \"" + noti.strText + "\"";
-            });
+            Raise(kEventDeviceNotification, DeviceNotification(noti, *d), "", bTrace,
+                  [&] { return "notification " + noti.strID + " of " + d->strID + ": \"" + noti.strText + "\""; });
             break;
         }
         case StepKind::MasterKeys:
             Raise(kEventMasterKeys, MasterKeyList(m_home.vctMasterKeys), "", bTrace,
                   [&] { return std::to_string(m_home.vctMasterKeys.size()) + " master keys"; });
             break;
-        case StepKind::PowerOff:
-            Raise(kEventPowerOff, "", "", bTrace, [] { return std::string("power off"); });
-            break;
+        case StepKind::PowerOff: Raise(kEventPowerOff, "", "", bTrace, [] { return std::string("power off"); }); break;
         case StepKind::Raw:
             Raise(step.nEvent, step.strParam1, step.strParam2, bTrace,
                   [&] { return "raw, " + std::to_string(step.strParam1.size()) + " bytes"; });
@@ -307,7 +300,7 @@ void Engine::SetCallback(EventCallback pfnCallback)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_pfnCallback = pfnCallback;
-    WakeLocked();  // steps may be waiting for it
+    WakeLocked(); // steps may be waiting for it
 }
 
 bool Engine::HasCallback() const
@@ -365,7 +358,7 @@ int Engine::Emit(int nEvent, const char *pParam1, const char *pParam2)
     if (answer.valid())
         return answer.get();
     if (bHere)
-        return Deliver(nEvent, pParam1, pParam2);  // raised from inside a callback
+        return Deliver(nEvent, pParam1, pParam2); // raised from inside a callback
     // Not started: a thread for this one event, still never the caller's.
     int nResult = -2;
     std::thread once([&] { nResult = Deliver(nEvent, pParam1, pParam2); });
@@ -432,8 +425,8 @@ void Engine::Run(StartOptions options, int nWakeFd)
     for (const Cue &cue : mode.vctScenario)
         nSteps += cue.vctSteps.size() * static_cast<size_t>(cue.nRepeat);
     Trace("%s: %zu registered and %zu new devices, %zu master keys; %zu scenario steps%s",
-          mode.strName.empty() ? "home" : ("mode \"" + mode.strName + "\"").c_str(), mode.home.vctRegistered.size(), mode.home.vctNew.size(),
-          mode.home.vctMasterKeys.size(), nSteps,
+          mode.strName.empty() ? "home" : ("mode \"" + mode.strName + "\"").c_str(), mode.home.vctRegistered.size(),
+          mode.home.vctNew.size(), mode.home.vctMasterKeys.size(), nSteps,
           mode.vctScenario.empty() ? ""
                                    : (", the last at " + std::to_string(mode.vctScenario.back().nMs) + " ms").c_str());
 

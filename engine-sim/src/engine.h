@@ -20,7 +20,7 @@ typedef int (*EventCallback)(int nEvent, const char *pParam1, const char *pParam
 struct StartOptions {
     std::string strModePath;
     std::string strSocketPath;
-    double dSpeed = 1.0;  // scenario time runs this many times as fast
+    double dSpeed = 1.0; // scenario time runs this many times as fast
 };
 
 class Engine {
@@ -73,10 +73,10 @@ private:
 
     friend class Session;
 
-    std::mutex m_controlMutex;  // serialises Start and Stop; held while joining
-    std::thread m_thread;       // guarded by m_controlMutex
+    std::mutex m_controlMutex; // serialises Start and Stop; held while joining
+    std::thread m_thread;      // guarded by m_controlMutex
 
-    mutable std::mutex m_mutex;  // everything below
+    mutable std::mutex m_mutex; // everything below
     std::thread::id m_threadID;
     bool m_bRunning = false;
     bool m_bStopping = false;

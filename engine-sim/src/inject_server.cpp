@@ -203,7 +203,7 @@ bool InjectServer::Serve(Client &client, const Deliver &deliver)
             return false;
         }
         if (client.strInput.size() - nEol - 1 < n1 + n2)
-            return true;  // the texts are still on their way
+            return true; // the texts are still on their way
         std::string strParam1 = client.strInput.substr(nEol + 1, n1);
         std::string strParam2 = client.strInput.substr(nEol + 1 + n1, n2);
         client.strInput.erase(0, nEol + 1 + n1 + n2);

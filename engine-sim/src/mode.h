@@ -13,7 +13,7 @@ struct Device {
     std::string strID;
     std::string strType;
     std::string strName;
-    std::string strStatus;  // "Connected" or "Disconnected"
+    std::string strStatus; // "Connected" or "Disconnected"
 };
 
 struct MasterKey {
@@ -24,36 +24,36 @@ struct MasterKey {
 
 struct Home {
     std::vector<Device> vctRegistered;
-    std::vector<Device> vctNew;  // discoverable, not registered yet
+    std::vector<Device> vctNew; // discoverable, not registered yet
     std::vector<MasterKey> vctMasterKeys;
 };
 
 enum class StepKind {
-    RegisteredDevices,  // event 0 with the registered devices
-    NewDevices,         // event 1 with new devices (all, or the listed ids)
-    Notify,             // event 5 for one device
-    MasterKeys,         // event 12290
-    PowerOff,           // event 12291
-    Raw,                // any event with texts as written
-    Refresh,            // as if asked to refresh: event 0
-    Register,           // new devices join the home, then event 0
-    Connect,            // a device comes back, then event 0
-    Disconnect,         // a device goes away, then event 0
+    RegisteredDevices, // event 0 with the registered devices
+    NewDevices,        // event 1 with new devices (all, or the listed ids)
+    Notify,            // event 5 for one device
+    MasterKeys,        // event 12290
+    PowerOff,          // event 12291
+    Raw,               // any event with texts as written
+    Refresh,           // as if asked to refresh: event 0
+    Register,          // new devices join the home, then event 0
+    Connect,           // a device comes back, then event 0
+    Disconnect,        // a device goes away, then event 0
 };
 
 struct Step {
     StepKind kind = StepKind::Refresh;
     int nLine = 0;
-    std::vector<std::string> vctIDs;  // NewDevices, Register
-    bool bAllIDs = true;               // NewDevices without ids
-    std::string strDevice;             // Notify, Connect, Disconnect
+    std::vector<std::string> vctIDs; // NewDevices, Register
+    bool bAllIDs = true;             // NewDevices without ids
+    std::string strDevice;           // Notify, Connect, Disconnect
     // Notify
-    std::string strNotiID;  // empty: numbered by the engine
+    std::string strNotiID; // empty: numbered by the engine
     std::string strNotiType;
     std::string strCondition;
     std::string strFlag;
     std::string strAction;
-    std::vector<std::pair<std::string, std::string>> vctTexts;  // language, text
+    std::vector<std::pair<std::string, std::string>> vctTexts; // language, text
     // Raw
     int nEvent = 0;
     std::string strParam1;
@@ -73,7 +73,7 @@ struct Cue {
 struct Mode {
     std::string strName;
     Home home;
-    std::vector<Cue> vctScenario;  // in time order
+    std::vector<Cue> vctScenario; // in time order
 };
 
 // Reads a mode file. Problems go to report as "file:line: what", and reading

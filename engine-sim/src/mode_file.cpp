@@ -143,8 +143,7 @@ class Reader {
 public:
     Reader(const std::string &strFile, const std::function<void(const std::string &)> &report)
         : m_strFile(strFile), m_report(report)
-    {
-    }
+    {}
 
     void Read(xmlDoc *pDoc, Mode &mode)
     {
@@ -164,7 +163,7 @@ public:
             if (Is(c, "Home"))
                 ReadHome(c, mode.home);
             else if (Is(c, "Scenario"))
-                scenarios.push_back(c);  // after the home: steps name its devices
+                scenarios.push_back(c); // after the home: steps name its devices
             else
                 Report(c, "unknown element <" + Name(c) + ">, skipped");
         }
@@ -184,8 +183,7 @@ private:
 
     bool KnownNew(const Home &home, const std::string &strID) const
     {
-        return std::any_of(home.vctNew.begin(), home.vctNew.end(),
-                           [&](const Device &d) { return d.strID == strID; });
+        return std::any_of(home.vctNew.begin(), home.vctNew.end(), [&](const Device &d) { return d.strID == strID; });
     }
 
     bool ReadDevice(xmlNode *pNode, Device &device)
@@ -412,8 +410,7 @@ Mode LoadMode(const std::string &strPath, const std::function<void(const std::st
     return mode;
 }
 
-std::string ChooseText(const std::vector<std::pair<std::string, std::string>> &vctTexts,
-                       const std::string &strLanguage)
+std::string ChooseText(const std::vector<std::pair<std::string, std::string>> &vctTexts, const std::string &strLanguage)
 {
     if (vctTexts.empty())
         return "";

@@ -108,8 +108,8 @@ QORV_EXPORT int qorv_register_callback(qorvsim::EventCallback pfnCallback)
 }
 #endif
 
-QORV_EXPORT const char *qorv_excute(const char *pCommand, const char *pParam1, const char *pParam2,
-                                   const char *pParam3, const char *pParam4)
+QORV_EXPORT const char *qorv_excute(const char *pCommand, const char *pParam1, const char *pParam2, const char *pParam3,
+                                    const char *pParam4)
 {
     (void)pParam2;
     (void)pParam3;

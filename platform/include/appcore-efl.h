@@ -10,12 +10,12 @@ extern "C" {
 #endif
 
 struct appcore_ops {
-    void *data;                                 /* user data handed to every callback */
-    int (*create)(void *data);                  /* before the loop; non-zero ends the application */
-    int (*terminate)(void *data);               /* after the loop */
+    void *data;                   /* user data handed to every callback */
+    int (*create)(void *data);    /* before the loop; non-zero ends the application */
+    int (*terminate)(void *data); /* after the loop */
     int (*pause)(void *data);
     int (*resume)(void *data);
-    int (*reset)(bundle *b, void *data);        /* launch request */
+    int (*reset)(bundle *b, void *data); /* launch request */
     void *reserved[6];
 };
 

@@ -14,20 +14,20 @@ extern "C" {
  * The service copies every text it keeps: the pointers need only stay valid
  * for the length of add_notification_data. */
 typedef struct notification_data_s {
-    int version;                                        /* record version: 1 */
-    int popup;                                          /* 1: shown as a pop-up */
-    int style;                                          /* 1: device message, 2: question */
-    const char *app_id;                                 /* posting application */
-    int item_id;                                        /* the application's id of the item */
+    int version;        /* record version: 1 */
+    int popup;          /* 1: shown as a pop-up */
+    int style;          /* 1: device message, 2: question */
+    const char *app_id; /* posting application */
+    int item_id;        /* the application's id of the item */
     int reserved1[3];
     const char *title;
     const char *body;
-    const char *sub_text;                               /* secondary line under the body */
+    const char *sub_text; /* secondary line under the body */
     int reserved2[3];
-    int button_count;                                   /* 0 .. NOTIFICATION_DATA_MAX_BUTTON */
-    int need_answer;                                    /* 1: the viewer is asked to choose */
+    int button_count; /* 0 .. NOTIFICATION_DATA_MAX_BUTTON */
+    int need_answer;  /* 1: the viewer is asked to choose */
     const char *button_label[NOTIFICATION_DATA_MAX_BUTTON];
-    const char *button_icon[NOTIFICATION_DATA_MAX_BUTTON];  /* image file path */
+    const char *button_icon[NOTIFICATION_DATA_MAX_BUTTON]; /* image file path */
 } notification_data_t;
 
 /* Buttons are numbered from 0, left to right. */

@@ -6,17 +6,10 @@
 extern "C" {
 #endif
 
-enum {
-    VCONF_OK = 0,
-    VCONF_ERROR = -1
-};
+enum { VCONF_OK = 0, VCONF_ERROR = -1 };
 
 /* Value types a key can hold, as vconf_keynode_get_type reports them. */
-enum {
-    VCONF_TYPE_NONE = 0,
-    VCONF_TYPE_STRING = 40,
-    VCONF_TYPE_INT = 41
-};
+enum { VCONF_TYPE_NONE = 0, VCONF_TYPE_STRING = 40, VCONF_TYPE_INT = 41 };
 
 /* A snapshot of one changed key, valid for the length of a change callback. */
 typedef struct _keynode_t keynode_t;

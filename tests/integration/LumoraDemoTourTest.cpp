@@ -46,7 +46,7 @@ TEST_F(LumoraDemoTour, FromTheWidgetFoundToTheTvSwitchedOffDrivenByLumoraTv)
     std::vector<std::string> popups;
     ASSERT_TRUE(WaitForPopups(2, 15s, popups)) << tv.Log();
     EXPECT_EQ(popups, (std::vector<std::string>{"1\tNew home appliance detected\tYes\tNo",
-                                                 "2\tLiving room\tClose\tGo to Lumora"}));
+                                                "2\tLiving room\tClose\tGo to Lumora"}));
     r = LumoraTv({"notifications", "2"});
     EXPECT_EQ(r.status, 0);
     EXPECT_NE(r.out.find("│ The living room has reached 24 °C."), std::string::npos) << r.out;
@@ -55,7 +55,8 @@ TEST_F(LumoraDemoTour, FromTheWidgetFoundToTheTvSwitchedOffDrivenByLumoraTv)
     // The viewer switches the TV to Korean in another process.
     r = LumoraTv({"set", "db/menu_widget/language", "ko_KR.UTF-8"});
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(tv.WaitForLog("Begin to Execute strParam1 = ko_KR!", 5s, 2)) << "the engine is told ko_KR\n" << tv.Log();
+    EXPECT_TRUE(tv.WaitForLog("Begin to Execute strParam1 = ko_KR!", 5s, 2)) << "the engine is told ko_KR\n"
+                                                                             << tv.Log();
 
     // Presses: wrong ones are refused with the reason, Close does nothing, Go to Lumora launches.
     r = LumoraTv({"press", "9", "1"});
@@ -67,8 +68,9 @@ TEST_F(LumoraDemoTour, FromTheWidgetFoundToTheTvSwitchedOffDrivenByLumoraTv)
     EXPECT_EQ(r.out, "pressed [ Close ] (button 0) of pop-up #2\nthe service launched nothing\n") << r.err;
     r = LumoraTv({"press", "2", "1"});
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(Lines(r.out), (std::vector<std::string>{"pressed [ Go to Lumora ] (button 1) of pop-up #2",
-                                                       "the service launched PzKmRvTqXa.Lumora with deviceID=ac-living"}));
+    EXPECT_EQ(Lines(r.out),
+              (std::vector<std::string>{"pressed [ Go to Lumora ] (button 1) of pop-up #2",
+                                        "the service launched PzKmRvTqXa.Lumora with deviceID=ac-living"}));
     EXPECT_EQ(LumoraTv({"widget"}).out, "PzKmRvTqXa.Lumora is installed, running\n");
     EXPECT_EQ(tv.CountInLog("=== Succeeded to launch a WebApp ====="), 1);
 

@@ -70,7 +70,8 @@ int Count(const std::string &text, const std::string &needle)
 // The first parameter of the first event nEvent in the service's log.
 std::string FirstDocument(const std::string &log, int nEvent)
 {
-    const std::string head = "Enter LumoraManager::OnQorvEvent, event type is " + std::to_string(nEvent) + ", strParam1 = ";
+    const std::string head =
+        "Enter LumoraManager::OnQorvEvent, event type is " + std::to_string(nEvent) + ", strParam1 = ";
     size_t at = log.find(head);
     if (at == std::string::npos)
         return "";
@@ -79,8 +80,8 @@ std::string FirstDocument(const std::string &log, int nEvent)
 }
 
 struct Tally {
-    int nRounds = 0;         // master-key messages handled
-    int nDevicePopups = 0;   // device notifications posted
+    int nRounds = 0;       // master-key messages handled
+    int nDevicePopups = 0; // device notifications posted
     int nNewDevicePopups = 0;
 };
 

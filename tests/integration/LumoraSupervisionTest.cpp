@@ -84,7 +84,8 @@ TEST_F(LumoraSupervision, StaysReadyAndFedWhileAWidgetInstalledLateStartsTheEngi
         << r.err;
     EXPECT_EQ(LumoraTv({"reset"}).status, 1);
     r = LumoraTv({"status"});
-    EXPECT_NE(r.out.find("service:   running (pid " + std::to_string(pid) + "), 0 pop-ups on screen"), std::string::npos)
+    EXPECT_NE(r.out.find("service:   running (pid " + std::to_string(pid) + "), 0 pop-ups on screen"),
+              std::string::npos)
         << r.out;
     EXPECT_NE(r.out.find("engine:    not started"), std::string::npos) << r.out;
     r = LumoraTv({"event", "5", "-"}, "<x/>");

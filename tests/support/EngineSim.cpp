@@ -18,7 +18,7 @@ Fn Lookup(void *pHandle, const char *pName)
 
 std::string EngineSim::DefaultPath()
 {
-    static const std::string path = LIB_QORV_HELPER_PATH;  // captured before any test changes it
+    static const std::string path = LIB_QORV_HELPER_PATH; // captured before any test changes it
     return path;
 }
 

@@ -13,7 +13,7 @@ public:
     ~EngineSim();
 
     static std::string DefaultPath();
-    static std::string Variant(const char *name);  // e.g. "nostop"
+    static std::string Variant(const char *name); // e.g. "nostop"
 
     int Emit(int nEvent, const char *pParam1, const char *pParam2) const;
     int Calls(const char *pEntry) const;

@@ -73,8 +73,7 @@ LumoraTvResult LumoraTv(const std::vector<std::string> &args, const std::string 
         _exit(127);
     }
     int wstatus = 0;
-    while (waitpid(pid, &wstatus, 0) < 0) {
-    }
+    while (waitpid(pid, &wstatus, 0) < 0) {}
     LumoraTvResult result;
     result.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
     result.out = out.Read();

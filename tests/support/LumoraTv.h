@@ -7,7 +7,7 @@
 #include <vector>
 
 struct LumoraTvResult {
-    int status = -1;  // exit status; -1 when it did not exit normally
+    int status = -1; // exit status; -1 when it did not exit normally
     std::string out;
     std::string err;
 };

@@ -63,6 +63,5 @@ void ManagerTest::StartWithWidget()
 {
     tvhost::apps::SetInstalled(kWidgetApp, true);
     ASSERT_EQ(LumoraManagerTestPeer::Get().Construct(), 0);
-    ASSERT_TRUE(RunUntil([&] { return sim->Calls("qorv_register_callback") == 1; }))
-        << "the engine did not start";
+    ASSERT_TRUE(RunUntil([&] { return sim->Calls("qorv_register_callback") == 1; })) << "the engine did not start";
 }

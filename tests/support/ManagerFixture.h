@@ -26,10 +26,22 @@ public:
     static std::vector<LumoraManager::RegisteredDevice> &Devices() { return Get().m_vctRegisteredDevice; }
     static bool ParseMasterKeys(const std::string &s) { return Get().m_ParseMasterKeyMessage(s.c_str()); }
     static std::string MasterKeyName(std::string key) { return Get().m_GetMasterKeyName(key); }
-    static bool ParseDeviceTypes(const std::string &s) { return Get().m_ParseDeviceTypeList(s.data(), static_cast<int>(s.size())); }
-    static bool ParseDeviceNames(const std::string &s) { return Get().m_ParseDeviceNameList(s.data(), static_cast<int>(s.size())); }
-    static bool ParseRegistered(const std::string &s) { return Get().m_ParseRegisteredDevice(s.data(), static_cast<int>(s.size())); }
-    static bool ParseCommands(const std::string &s) { return Get().m_ParseDeviceCommandList(s.data(), static_cast<int>(s.size())); }
+    static bool ParseDeviceTypes(const std::string &s)
+    {
+        return Get().m_ParseDeviceTypeList(s.data(), static_cast<int>(s.size()));
+    }
+    static bool ParseDeviceNames(const std::string &s)
+    {
+        return Get().m_ParseDeviceNameList(s.data(), static_cast<int>(s.size()));
+    }
+    static bool ParseRegistered(const std::string &s)
+    {
+        return Get().m_ParseRegisteredDevice(s.data(), static_cast<int>(s.size()));
+    }
+    static bool ParseCommands(const std::string &s)
+    {
+        return Get().m_ParseDeviceCommandList(s.data(), static_cast<int>(s.size()));
+    }
 };
 
 class ManagerTest : public ::testing::Test {

@@ -16,7 +16,7 @@
 
 // The messages of one run, judged as systemd would see them.
 struct Supervision {
-    std::vector<std::string> problems;  // empty when every message and the exit were as they must be
+    std::vector<std::string> problems; // empty when every message and the exit were as they must be
     int nWatchdogs = 0;
     // The longest time without a watchdog message: from the start to the
     // first, between two, and from the last to the end of the run.
@@ -28,7 +28,7 @@ public:
     using Clock = std::chrono::steady_clock;
 
     Supervisor();
-    ~Supervisor();  // kills the service (SIGKILL) if it still runs
+    ~Supervisor(); // kills the service (SIGKILL) if it still runs
 
     // Runs `lumora-tv run <runArgs>` with these extra environment entries
     // ("NAME=value").
@@ -65,7 +65,7 @@ private:
 
     NotifySocket m_socket;
     std::string m_strLogPath;
-    pid_t m_pid = -1;  // -1 once reaped
+    pid_t m_pid = -1; // -1 once reaped
     pid_t m_pidStarted = -1;
     int m_nStatus = -1;
     Clock::time_point m_started;

@@ -22,7 +22,8 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 // Polls until pred holds; the timeout only keeps a broken build from hanging.
-template <typename Pred> bool WaitFor(Pred pred, std::chrono::seconds timeout = 30s)
+template <typename Pred>
+bool WaitFor(Pred pred, std::chrono::seconds timeout = 30s)
 {
     for (auto end = Clock::now() + timeout; !pred(); std::this_thread::sleep_for(10ms))
         if (Clock::now() > end)
@@ -106,7 +107,7 @@ TEST(Lock, TheRecursiveMutexIsReleasedOnlyWhenTheLastGuardOfItsOwnerEnds)
     {
         CAutoLock outer(mutex);
         {
-            CAutoLock inner(mutex);  // must not deadlock
+            CAutoLock inner(mutex); // must not deadlock
         }
         other = std::thread([&] {
             CAutoLock guard(mutex);
@@ -151,7 +152,7 @@ TEST(ExtThread, CreateRefusesASecondThreadDestroyJoinsAndALoopStopsOnDestroy)
         std::this_thread::sleep_for(100ms);
         w.bRelease = true;
     });
-    w.Destroy();  // does not ask the body to end: it waits for it
+    w.Destroy(); // does not ask the body to end: it waits for it
     EXPECT_TRUE(w.bFinished);
     releaser.join();
     EXPECT_FALSE(w.FlagCreate());

@@ -25,7 +25,11 @@ namespace {
 
 using namespace std::chrono_literals;
 
-struct Event { std::thread::id thread; int nEvent; std::string strParam1, strParam2; };
+struct Event {
+    std::thread::id thread;
+    int nEvent;
+    std::string strParam1, strParam2;
+};
 
 // The engine calls a plain function, as it calls the service's trampoline.
 std::mutex g_mutex;
@@ -102,15 +106,19 @@ struct Engine {
         ClearEvents();
     }
     ~Engine() { dlclose(handle); }
-    template <typename Fn> Fn Get(const char *pName) const { return reinterpret_cast<Fn>(dlsym(handle, pName)); }
+    template <typename Fn>
+    Fn Get(const char *pName) const
+    {
+        return reinterpret_cast<Fn>(dlsym(handle, pName));
+    }
 
     void *handle;
     int (*start)() = Get<decltype(start)>("qorv_start"), (*stop)() = Get<decltype(stop)>("qorv_stop");
     int (*refresh)() = Get<decltype(refresh)>("qorv_refresh");
-    int (*registerCallback)(int (*)(int, const char *, const char *)) =
-        Get<decltype(registerCallback)>("qorv_register_callback");
-    const char *(*excute)(const char *, const char *, const char *, const char *, const char *) =
-        Get<decltype(excute)>("qorv_excute");
+    int (*registerCallback)(int (*)(int, const char *,
+                                    const char *)) = Get<decltype(registerCallback)>("qorv_register_callback");
+    const char *(*excute)(const char *, const char *, const char *, const char *,
+                          const char *) = Get<decltype(excute)>("qorv_excute");
 };
 
 class SimulatedEngine : public ::testing::Test {
@@ -133,8 +141,8 @@ protected:
             <NewDevice id="ac2" type="Air Conditioner" name="Study"/>
             <MasterKey id="k1" name="Power">KEY_POWER</MasterKey>
             <MasterKey id="k2">KEY_HOME</MasterKey>
-          </Home><Scenario>)"
-                                 << scenario << "</Scenario></Mode>";
+          </Home><Scenario>)" << scenario
+                                 << "</Scenario></Mode>";
         setenv("QORV_SIM_MODE", m_strMode.c_str(), 1);
     }
 
@@ -153,7 +161,7 @@ TEST_F(SimulatedEngine, ScenarioStepsWaitForACallbackThenPlayInTimeOrderOnTheEng
         <Raw event="4" param2="two"><x a="1"/></Raw></At>)");
     Engine lib;
     ASSERT_EQ(lib.start(), 1);
-    std::this_thread::sleep_for(400ms);  // every step falls due before there is a callback to take it
+    std::this_thread::sleep_for(400ms); // every step falls due before there is a callback to take it
     ASSERT_EQ(lib.registerCallback(OnEngineEvent), 1);
     std::vector<Event> ev = Events(8);
     EXPECT_TRUE(OnOneEngineThread(ev));
@@ -167,8 +175,7 @@ TEST_F(SimulatedEngine, ScenarioStepsWaitForACallbackThenPlayInTimeOrderOnTheEng
                   "5|<DeviceNotification id=\"n7\" type=\"Alarm\"><Device id=\"ac1\" type=\"Air Conditioner\">"
                   "Living &amp; dining</Device><Notification>Cool</Notification><Action type=\"Widget\">Open</Action>"
                   "<DisplayOption flag=\"On\" condition=\"Always\"/></DeviceNotification>|",
-                  HomeReport({kLiving, kLaundry, kStudy}), HomeReport({lost, kLaundry, kStudy}),
-                  "4|<x a=\"1\"/>|two",
+                  HomeReport({kLiving, kLaundry, kStudy}), HomeReport({lost, kLaundry, kStudy}), "4|<x a=\"1\"/>|two",
                   "12290|<MasterKeyList><MasterKey id=\"k1\" name=\"Power\">KEY_POWER</MasterKey>"
                   "<MasterKey id=\"k2\" name=\"\">KEY_HOME</MasterKey></MasterKeyList>|",
                   "12291||"}));
@@ -184,10 +191,12 @@ TEST_F(SimulatedEngine, NotificationsFollowTheLanguage)
         "5|<DeviceNotification id=\"n1\" type=\"Notice\"><Device id=\"wm1\" type=\"Washer\">Laundry</Device>"
         "<Notification>@</Notification><Action type=\"Widget\">Open</Action><DisplayOption flag=\"On\" "
         "condition=\"Always\"/></DeviceNotification>|";
-    struct Case { const char *command, *language, *text; } cases[] = {
+    struct Case {
+        const char *command, *language, *text;
+    } cases[] = {
         {"SetLanguage", "ko_KR", "세탁 완료"},
-        {"SetSystemLanguage", "en_GB", "Washing&apos;s done"},  // the exact language first
-        {"SetLanguage", "fr_FR", "Washing done"},  // English when the language has no text
+        {"SetSystemLanguage", "en_GB", "Washing&apos;s done"}, // the exact language first
+        {"SetLanguage", "fr_FR", "Washing done"},              // English when the language has no text
     };
     for (const auto &c : cases) {
         lib.stop();
@@ -195,7 +204,7 @@ TEST_F(SimulatedEngine, NotificationsFollowTheLanguage)
         ClearEvents();
         ASSERT_EQ(lib.start(), 1);
         EXPECT_STREQ(lib.excute(c.command, c.language, "", "", ""), "OK");
-        lib.registerCallback(OnEngineEvent);  // the step waited for it, so the language is set in time
+        lib.registerCallback(OnEngineEvent); // the step waited for it, so the language is set in time
         std::string expected = notification;
         expected.replace(expected.find('@'), 1, c.text);
         EXPECT_EQ(Lines(Events(1)), std::vector<std::string>{expected}) << c.language;
@@ -207,12 +216,12 @@ TEST_F(SimulatedEngine, ARefreshReportsTheHomeAndRaisedEventsComeFromTheEngineTh
     UseScenario("");
     const std::string path = qorvsim::DefaultSocketPath();
     Engine lib;
-    EngineSim sim;  // the in-process way, as the binding's tests raise events
+    EngineSim sim; // the in-process way, as the binding's tests raise events
     ASSERT_EQ(lib.start(), 1);
     int nResult = 0;
     std::string error;
     for (int i = 0; i < 2000 && !qorvsim::InjectEvent(path, 5, "x", "", nResult, error); ++i)
-        std::this_thread::sleep_for(10ms);  // the engine thread opens the socket after the start
+        std::this_thread::sleep_for(10ms); // the engine thread opens the socket after the start
     EXPECT_EQ(nResult, -2) << "no callback yet: " << error;
 
     g_nAnswer = 7;

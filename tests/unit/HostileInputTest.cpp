@@ -89,11 +89,15 @@ TEST(HostileInput, TextsAreOnlyDataAndWhatDoesNotParseTakesTheDocParsedErrorPath
     const std::string secret = "SECRET-MARKER-7f3a", conversions = "%s%n%s%x%p%99999999d%%", file = path;
     std::ofstream(path) << secret;
     const std::string big(20u << 20, 'x'), mib(4096 * 256, 'A');
-    std::string bomb = "<!DOCTYPE n [<!ENTITY lol0 \"lol\">";  // ten levels of ten references: 10^9 "lol"s
+    std::string bomb = "<!DOCTYPE n [<!ENTITY lol0 \"lol\">"; // ten levels of ten references: 10^9 "lol"s
     for (int i = 1; i <= 9; ++i)
         bomb += "<!ENTITY lol" + std::to_string(i) + " \"" + Repeat("&lol" + std::to_string(i - 1) + ";", 10) + "\">";
     // expected: the text read, or nullptr for a document that does not parse.
-    struct Case { const char *what; std::string prolog, id, text, tail; const char *expected; } cases[] = {
+    struct Case {
+        const char *what;
+        std::string prolog, id, text, tail;
+        const char *expected;
+    } cases[] = {
         {"printf conversions, logged as data", "", conversions, conversions, "", conversions.c_str()},
         {"what follows a NUL byte", "", "1", "name", std::string(1, '\0') + "<garbage " + secret, "name"},
         {"an external entity", "<!DOCTYPE n [<!ENTITY e SYSTEM \"" + file + "\">]>", "1", "a&e;b", "", "ab"},

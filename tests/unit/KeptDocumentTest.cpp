@@ -24,14 +24,26 @@ namespace {
 std::atomic<long> g_nLive{0};
 
 // Before anything in the process allocates through libxml2.
-const int g_nHooks = xmlMemSetup([](void *p) { g_nLive -= p != nullptr; std::free(p); },
-                                 [](size_t n) { void *p = std::malloc(n); g_nLive += p != nullptr; return p; },
-                                 [](void *p, size_t n) {
-                                     void *q = std::realloc(p, n);
-                                     g_nLive += q != nullptr && p == nullptr;
-                                     return q;
-                                 },
-                                 [](const char *s) { char *p = strdup(s); g_nLive += p != nullptr; return p; });
+const int g_nHooks = xmlMemSetup(
+    [](void *p) {
+        g_nLive -= p != nullptr;
+        std::free(p);
+    },
+    [](size_t n) {
+        void *p = std::malloc(n);
+        g_nLive += p != nullptr;
+        return p;
+    },
+    [](void *p, size_t n) {
+        void *q = std::realloc(p, n);
+        g_nLive += q != nullptr && p == nullptr;
+        return q;
+    },
+    [](const char *s) {
+        char *p = strdup(s);
+        g_nLive += p != nullptr;
+        return p;
+    });
 
 void IgnoreXmlError(void *, const char *, ...) {}
 
@@ -53,9 +65,13 @@ TEST(KeptDocument, OnlyTheDefinedCataloguePathsKeepTheirDocument)
     ASSERT_EQ(g_nHooks, 0);
     LogCapture log;
     xmlSetGenericErrorFunc(nullptr, IgnoreXmlError);
-    CDeviceNotification().Parse("<n id=\"1\"/>", "");  // first use: libxml2's own globals
+    CDeviceNotification().Parse("<n id=\"1\"/>", ""); // first use: libxml2's own globals
     using Parse = std::function<bool(const std::string &)>;
-    struct Case { Parse parse; std::string doc; bool bKept; } cases[] = {
+    struct Case {
+        Parse parse;
+        std::string doc;
+        bool bKept;
+    } cases[] = {
         {Peer::ParseMasterKeys,
          "<MasterKeyList><MasterKey id=\"1\">K</MasterKey><MasterKey>L</MasterKey></MasterKeyList>", true},
         {Peer::ParseMasterKeys, "<MasterKeyList><Other/></MasterKeyList>", true},

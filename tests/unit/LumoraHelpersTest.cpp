@@ -41,7 +41,10 @@ using Lines = std::vector<std::string>;
 using Extra = std::vector<std::pair<std::string, std::string>>;
 
 std::vector<bool> g_reports;
-void OnInstalled(bool bInstalled) { g_reports.push_back(bInstalled); }
+void OnInstalled(bool bInstalled)
+{
+    g_reports.push_back(bInstalled);
+}
 
 std::string ReadAll(const std::string &path)
 {
@@ -240,21 +243,20 @@ TEST(LumoraWidgetChecker, OnlyAnIntegerChangeChecksAndTheHandlerHearsOnlyChanges
     log.Clear();
     tvhost::settings::SetInt(kAppChange, 41);
     EXPECT_TRUE(CLumoraWidgetCheckerTestPeer::Installed(checker));
-    EXPECT_EQ(log.Messages(), (Lines{"===== CLumoraWidgetChecker in m_CbWasAppChanged function 1 =====",
-                                     "===== CLumoraWidgetChecker in m_CbWasAppChanged function 2 =====",
-                                     "===== CLumoraWidgetChecker in m_CbWasAppChanged function 3 =====",
-                                     "The keyName is [memory/was/app_change]",
-                                     "Get the app change value success nValue = [41]",
-                                     "===== CLumoraWidgetChecker in loop function 1 =====",
-                                     "=== Begin to get app info ! ===",
-                                     "=== The widget PzKmRvTqXa.Lumora is installed! ===",
-                                     "===== CLumoraWidgetChecker in loop function 2 ====="}));
+    EXPECT_EQ(log.Messages(),
+              (Lines{"===== CLumoraWidgetChecker in m_CbWasAppChanged function 1 =====",
+                     "===== CLumoraWidgetChecker in m_CbWasAppChanged function 2 =====",
+                     "===== CLumoraWidgetChecker in m_CbWasAppChanged function 3 =====",
+                     "The keyName is [memory/was/app_change]", "Get the app change value success nValue = [41]",
+                     "===== CLumoraWidgetChecker in loop function 1 =====", "=== Begin to get app info ! ===",
+                     "=== The widget PzKmRvTqXa.Lumora is installed! ===",
+                     "===== CLumoraWidgetChecker in loop function 2 ====="}));
     log.Clear();
     checker.SetWidgetInstalledCB(OnInstalled);
     EXPECT_TRUE(g_reports.empty());
     EXPECT_EQ(log.Messages().back(), "===== CLumoraWidgetChecker in SetWidgetInstalledCB function =====");
     EXPECT_EQ(log.Messages().size(), 5u) << "checked again at once";
-    tvhost::apps::SetInstalled(kWidget, false);  // bumps the key
+    tvhost::apps::SetInstalled(kWidget, false); // bumps the key
     tvhost::settings::SetInt(kAppChange, 42);
     EXPECT_EQ(g_reports, std::vector<bool>{false});
 
@@ -271,7 +273,7 @@ TEST(LumoraTvControl, PowerOffAsksForKindThreeAndReportsWhetherItWasAccepted)
 {
     LogCapture log;
     CLumoraTvControl control;
-    tvhost::power::QueueResult(5);  // any refusal counts
+    tvhost::power::QueueResult(5); // any refusal counts
     EXPECT_FALSE(control.PowerOff());
     EXPECT_TRUE(control.PowerOff());
     EXPECT_EQ(tvhost::power::Requests(), (std::vector<int>{3, 3}));

@@ -25,7 +25,8 @@ Texts Own(LogCapture &log)
     Texts out;
     for (const auto &r : log.Records())
         if (r.text.find("LumoraManager.cpp:") != std::string::npos)
-            out.push_back(std::to_string(r.priority) + " " + std::regex_replace(MessageOf(r.text), std::regex("0x[0-9a-f]+"), "0x?"));
+            out.push_back(std::to_string(r.priority) + " " +
+                          std::regex_replace(MessageOf(r.text), std::regex("0x[0-9a-f]+"), "0x?"));
     log.Clear();
     return out;
 }
@@ -42,7 +43,11 @@ const Texts kLanguageSent = {"3 LumoraManager::Construct SetLanguage strReturn =
 // Catalogue parsers need no main loop, no engine and no Construct.
 class Catalogue : public ::testing::Test {
 protected:
-    void SetUp() override { Peer::Get(); log.Clear(); }
+    void SetUp() override
+    {
+        Peer::Get();
+        log.Clear();
+    }
     void TearDown() override { Peer::Release(); }
     LogCapture log;
 };
@@ -61,12 +66,13 @@ TEST_F(ManagerTest, TheEngineStartsOnTheMainLoopOnceTheWidgetIsThereAndFollowsLa
     EXPECT_GE(std::chrono::steady_clock::now() - t0, 3s) << "a lower bound: a busy machine only makes it later";
     EXPECT_EQ(sim->Calls("qorv_register_callback"), 1);
     EXPECT_EQ(log.Count("CLumoraQorvHelper Begin to Execute strParam1 = en_US!"), 2);
-    EXPECT_EQ(Own(log), Concat({"3 Begin to start qorv!", "3 Success to start qorv!", "3 Current Language is en_US.UTF-8",
-                                "3 The language to set is en_US!"}, kLanguageSent));
+    EXPECT_EQ(Own(log), Concat({"3 Begin to start qorv!", "3 Success to start qorv!",
+                                "3 Current Language is en_US.UTF-8", "3 The language to set is en_US!"},
+                               kLanguageSent));
 
     // The viewer changes the language: both commands with the part before the first dot, if any.
     struct {
-        const char *text, *sent;  // sent: null if nothing is
+        const char *text, *sent; // sent: null if nothing is
         Texts lines;
     } languages[] = {
         {"ko_KR.UTF-8", "ko_KR", Concat({"3 The language to set is ko_KR!"}, kLanguageSent)},
@@ -79,10 +85,12 @@ TEST_F(ManagerTest, TheEngineStartsOnTheMainLoopOnceTheWidgetIsThereAndFollowsLa
         tvhost::settings::SetString(kLanguageKey, c.text);
         ASSERT_TRUE(RunUntil([&] { return log.Has(c.lines.back().substr(2)); })) << c.text;
         EXPECT_EQ(sim->Calls("qorv_excute"), nSent + (c.sent ? 2 : 0)) << c.text;
-        EXPECT_EQ(log.Count(std::string("CLumoraQorvHelper Begin to Execute strParam1 = ") + (c.sent ? c.sent : "") + "!"),
-                  c.sent ? 2 : 0);
-        EXPECT_EQ(Own(log), Concat({"3 The keyName is [db/menu_widget/language]", std::string("3 Current Language is ") + c.text},
-                                   c.lines));
+        EXPECT_EQ(
+            log.Count(std::string("CLumoraQorvHelper Begin to Execute strParam1 = ") + (c.sent ? c.sent : "") + "!"),
+            c.sent ? 2 : 0);
+        EXPECT_EQ(Own(log),
+                  Concat({"3 The keyName is [db/menu_widget/language]", std::string("3 Current Language is ") + c.text},
+                         c.lines));
     }
 
     // The key turned integer is not read.
@@ -94,7 +102,8 @@ TEST_F(ManagerTest, TheEngineStartsOnTheMainLoopOnceTheWidgetIsThereAndFollowsLa
     // Wi-Fi (1) and Ethernet (3) refresh the engine; none (0) and cellular (2) are only logged.
     for (int nType : {0, 3, 1, 2}) {
         tvhost::network::SetType(nType);
-        ASSERT_TRUE(RunUntil([&] { return log.Has("m_ConnectionTypeChangedCB() is called. type : " + std::to_string(nType)); }));
+        ASSERT_TRUE(RunUntil(
+            [&] { return log.Has("m_ConnectionTypeChangedCB() is called. type : " + std::to_string(nType)); }));
     }
     EXPECT_EQ(sim->Calls("qorv_refresh"), 2);
     // Each refresh has the engine report its devices again, later, on its own thread.
@@ -103,8 +112,10 @@ TEST_F(ManagerTest, TheEngineStartsOnTheMainLoopOnceTheWidgetIsThereAndFollowsLa
     for (const auto &line : Own(log))
         if (line[0] != '3')
             info.push_back(line);
-    EXPECT_EQ(info, (Texts{"4 m_ConnectionTypeChangedCB() is called. type : 0", "4 m_ConnectionTypeChangedCB() is called. type : 3",
-                           "4 m_ConnectionTypeChangedCB() is called. type : 1", "4 m_ConnectionTypeChangedCB() is called. type : 2"}));
+    EXPECT_EQ(info, (Texts{"4 m_ConnectionTypeChangedCB() is called. type : 0",
+                           "4 m_ConnectionTypeChangedCB() is called. type : 3",
+                           "4 m_ConnectionTypeChangedCB() is called. type : 1",
+                           "4 m_ConnectionTypeChangedCB() is called. type : 2"}));
 
     // Removing the widget neither stops the engine nor is read by the pipe's
     // handler; it only silences the network handler.
@@ -146,7 +157,7 @@ TEST_F(ManagerTest, OneInstanceUntilReleased)
     LumoraManager *p = LumoraManager::GetInstance();
     EXPECT_EQ(LumoraManager::GetInstance(), p);
     LumoraManager::ReleaseInstance();
-    LumoraManager::ReleaseInstance();  // a second release does nothing
+    LumoraManager::ReleaseInstance(); // a second release does nothing
     EXPECT_EQ(Own(log), (Texts{"3 LumoraManager::LumoraManager()", "3 LumoraManager::~LumoraManager()"}));
 }
 
@@ -154,34 +165,52 @@ TEST_F(ManagerTest, EngineEventsAreDispatchedByKind)
 {
     StartWithWidget();
     tvhost::notifications::DrawTo(nullptr);
-    const std::string kAirCon = "<DeviceNotification id=\"7\" type=\"alarm\"><Device id=\"ac1\" type=\"Air Conditioner\">Living room AC"
-                                "</Device><Notification>Filter needs cleaning</Notification><Action type=\"open\">Widget</Action>"
-                                "<DisplayOption flag=\"On\" condition=\"Always\"/></DeviceNotification>";
-    const std::string kRegistered = "<RegisteredDevice id=\"1\" status=\"Connected\"><Type>Air Conditioner</Type><Name>Living room"
-                                    "</Name></RegisteredDevice><RegisteredDevice id=\"2\" status=\"Connected\"><Type>Washer</Type>"
-                                    "<Name>Bath</Name></RegisteredDevice>";
+    const std::string kAirCon =
+        "<DeviceNotification id=\"7\" type=\"alarm\"><Device id=\"ac1\" type=\"Air Conditioner\">Living room AC"
+        "</Device><Notification>Filter needs cleaning</Notification><Action type=\"open\">Widget</Action>"
+        "<DisplayOption flag=\"On\" condition=\"Always\"/></DeviceNotification>";
+    const std::string kRegistered =
+        "<RegisteredDevice id=\"1\" status=\"Connected\"><Type>Air Conditioner</Type><Name>Living room"
+        "</Name></RegisteredDevice><RegisteredDevice id=\"2\" status=\"Connected\"><Type>Washer</Type>"
+        "<Name>Bath</Name></RegisteredDevice>";
     const std::string kMasterKeys = "<MasterKeyList><MasterKey id=\"1\" name=\"Power\">PWR</MasterKey></MasterKeyList>";
     struct {
         int nEvent;
         std::string p1, p2;
-        Texts lines;  // after the entry line
+        Texts lines; // after the entry line
         size_t nPosted;
     } cases[] = {
         {5, kAirCon, "", {}, 1},
         {5, "<DeviceNotification", "", {}, 1},
         {5, std::regex_replace(kAirCon, std::regex("flag=\"On\""), "flag=\"on\""), "", {}, 1},
-        {1, "<l><NewDevice id=\"n1\"><Type>Washer</Type></NewDevice><NewDevice id=\"n2\"><Type>Air Conditioner</Type>"
-            "</NewDevice></l>", "", {}, 2},
+        {1,
+         "<l><NewDevice id=\"n1\"><Type>Washer</Type></NewDevice><NewDevice id=\"n2\"><Type>Air Conditioner</Type>"
+         "</NewDevice></l>",
+         "",
+         {},
+         2},
         {1, "<l><NewDevice id=\"x\"/></l>", "", {}, 2},
         // The registered list is kept until the next one; what it holds after a parse is reported, success or not.
-        {0, "<l>" + kRegistered + "</l>", "p2", {"3 Device list : strID = 1", "3 Device list : strCtrlName = Living room",
-                                                 "3 Device list : status = Connected", "3 Device list : type = Air Conditioner"}, 2},
-        {0, "<l><RegisteredDevice id=\"9\" status=\"Off\"><Type>Air Conditioner</Type><Name>Hall</Name></RegisteredDevice>"
-            "<RegisteredDevice id=\"10\"><Type>Air Conditioner</Type></RegisteredDevice>" + kRegistered + "</l>", "",
+        {0,
+         "<l>" + kRegistered + "</l>",
+         "p2",
+         {"3 Device list : strID = 1", "3 Device list : strCtrlName = Living room",
+          "3 Device list : status = Connected", "3 Device list : type = Air Conditioner"},
+         2},
+        {0,
+         "<l><RegisteredDevice id=\"9\" status=\"Off\"><Type>Air Conditioner</Type><Name>Hall</Name></RegisteredDevice>"
+         "<RegisteredDevice id=\"10\"><Type>Air Conditioner</Type></RegisteredDevice>" +
+             kRegistered + "</l>",
+         "",
          {"3 Device list : strID = 9", "3 Device list : strCtrlName = Hall", "3 Device list : status = Off",
-          "3 Device list : type = Air Conditioner"}, 2},
+          "3 Device list : type = Air Conditioner"},
+         2},
         {0, "not xml", "", {}, 2},
-        {12290, kMasterKeys, "<MasterKeyList><MasterKey id=\"2\">IGN</MasterKey></MasterKeyList>", {"3 add master key PWR"}, 2},
+        {12290,
+         kMasterKeys,
+         "<MasterKeyList><MasterKey id=\"2\">IGN</MasterKey></MasterKeyList>",
+         {"3 add master key PWR"},
+         2},
         {12290, "<Other/>", "", {"3 root node != ControllableDevice", "3 call m_ParseMasterKeyMessage fail"}, 2},
         {2, kAirCon, "x", {}, 2},
         {12289, kMasterKeys, "", {}, 2},
@@ -193,7 +222,8 @@ TEST_F(ManagerTest, EngineEventsAreDispatchedByKind)
         SCOPED_TRACE(c.nEvent);
         EXPECT_EQ(sim->Emit(c.nEvent, c.p1.c_str(), c.p2.c_str()), 0);
         EXPECT_EQ(Own(log), Concat({"3 Enter LumoraManager::OnQorvEvent, event type is " + std::to_string(c.nEvent) +
-                                    ", strParam1 = " + c.p1 + ", strParam2 = " + c.p2}, c.lines));
+                                    ", strParam1 = " + c.p1 + ", strParam2 = " + c.p2},
+                                   c.lines));
         EXPECT_EQ(tvhost::notifications::Posted().size(), c.nPosted);
     }
     auto posted = tvhost::notifications::Posted();
@@ -204,8 +234,9 @@ TEST_F(ManagerTest, EngineEventsAreDispatchedByKind)
 
 TEST_F(Catalogue, MasterKeysAreReplacedOnlyByADocumentThatReachesItsKeys)
 {
-    EXPECT_TRUE(Peer::ParseMasterKeys("<MasterKeyList><MasterKey id=\"1\" name=\"Power\">PWR</MasterKey><MasterKey id=\"2\">"
-                                      "VOL</MasterKey><MasterKey id=\"3\" name=\"Late\">PWR</MasterKey></MasterKeyList>"));
+    EXPECT_TRUE(
+        Peer::ParseMasterKeys("<MasterKeyList><MasterKey id=\"1\" name=\"Power\">PWR</MasterKey><MasterKey id=\"2\">"
+                              "VOL</MasterKey><MasterKey id=\"3\" name=\"Late\">PWR</MasterKey></MasterKeyList>"));
     ASSERT_EQ(Peer::MasterKeys().size(), 3u);
     EXPECT_EQ(Peer::MasterKeyName("PWR"), "Power") << "the earlier record wins";
     EXPECT_EQ(Peer::MasterKeyName("VOL"), "") << "no name";
@@ -216,7 +247,8 @@ TEST_F(Catalogue, MasterKeysAreReplacedOnlyByADocumentThatReachesItsKeys)
         const char *doc, *line;
     } bad[] = {
         {"<MasterKeyList>", "doc parsed error"},
-        {"<ControllableDevice><MasterKey id=\"9\">X</MasterKey></ControllableDevice>", "root node != ControllableDevice"},
+        {"<ControllableDevice><MasterKey id=\"9\">X</MasterKey></ControllableDevice>",
+         "root node != ControllableDevice"},
         {"<MasterKeyList><Other/></MasterKeyList>", "supported_MasterKey is null"},
     };
     for (const auto &b : bad) {
@@ -230,8 +262,9 @@ TEST_F(Catalogue, MasterKeysAreReplacedOnlyByADocumentThatReachesItsKeys)
 
     // A key without id ends the walk; an empty id is still an id.
     log.Clear();
-    EXPECT_TRUE(Peer::ParseMasterKeys("<MasterKeyList><MasterKey id=\"\" name=\"One\">K1</MasterKey><MasterKey name=\"Two\">K2"
-                                      "</MasterKey><MasterKey id=\"3\">K3</MasterKey></MasterKeyList>"));
+    EXPECT_TRUE(
+        Peer::ParseMasterKeys("<MasterKeyList><MasterKey id=\"\" name=\"One\">K1</MasterKey><MasterKey name=\"Two\">K2"
+                              "</MasterKey><MasterKey id=\"3\">K3</MasterKey></MasterKeyList>"));
     ASSERT_EQ(Peer::MasterKeys().size(), 1u);
     EXPECT_EQ(Peer::MasterKeys()[0].id + "|" + Peer::MasterKeys()[0].key, "|K1");
     EXPECT_EQ(Own(log), (Texts{"3 add master key K1", "3 MasterKey id is empty"}));
@@ -251,20 +284,22 @@ TEST_F(Catalogue, DeviceTypesAreOnlyLogged)
 
 TEST_F(Catalogue, RegisteredDevicesAppendUntilTheFirstIncompleteOne)
 {
-    const std::string doc = "<Any><RegisteredDevice id=\"1\" status=\"On\"><Type>Washer</Type><x/><Name>Bath</Name>"
-                            "</RegisteredDevice><RegisteredDevice id=\"2\"><Type>TV</Type><Name>Den</Name></RegisteredDevice></Any>";
+    const std::string doc =
+        "<Any><RegisteredDevice id=\"1\" status=\"On\"><Type>Washer</Type><x/><Name>Bath</Name>"
+        "</RegisteredDevice><RegisteredDevice id=\"2\"><Type>TV</Type><Name>Den</Name></RegisteredDevice></Any>";
     EXPECT_TRUE(Peer::ParseRegistered(doc));
     EXPECT_TRUE(Peer::ParseDeviceNames(doc));
     // Name before Type is not seen; a missing id or Type ends the walk too.
-    EXPECT_TRUE(Peer::ParseRegistered("<Any><RegisteredDevice id=\"3\"><Name>Early</Name><Type>TV</Type></RegisteredDevice>"
-                                      "<RegisteredDevice id=\"4\"><Type>TV</Type><Name>Late</Name></RegisteredDevice></Any>"));
+    EXPECT_TRUE(
+        Peer::ParseRegistered("<Any><RegisteredDevice id=\"3\"><Name>Early</Name><Type>TV</Type></RegisteredDevice>"
+                              "<RegisteredDevice id=\"4\"><Type>TV</Type><Name>Late</Name></RegisteredDevice></Any>"));
     EXPECT_TRUE(Peer::ParseRegistered("<Any><RegisteredDevice><Type>TV</Type><Name>N</Name></RegisteredDevice></Any>"));
     EXPECT_TRUE(Peer::ParseRegistered("<Any><RegisteredDevice id=\"5\"><Name>N</Name></RegisteredDevice></Any>"));
     EXPECT_FALSE(Peer::ParseRegistered("<Any><Device/></Any>"));
     Peer::Get().m_PrintCurrentDeviceList();
-    EXPECT_EQ(Own(log), (Texts{"3 can not find Name Element", "3 RegisteredDevice id is empty", "3 can not find Type Element",
-                               "3 RegisteredDevice is null", "3 id:[1],name:[Bath]", "3 id:[2],name:[Den]",
-                               "3 id:[1],name:[Bath]", "3 id:[2],name:[Den]"}));
+    EXPECT_EQ(Own(log), (Texts{"3 can not find Name Element", "3 RegisteredDevice id is empty",
+                               "3 can not find Type Element", "3 RegisteredDevice is null", "3 id:[1],name:[Bath]",
+                               "3 id:[2],name:[Den]", "3 id:[1],name:[Bath]", "3 id:[2],name:[Den]"}));
     const auto &devices = Peer::Devices();
     EXPECT_EQ(devices[0].status + "|" + devices[0].type + "|" + devices[1].status, "On|Washer|");
 
@@ -279,19 +314,20 @@ TEST_F(Catalogue, RegisteredDevicesAppendUntilTheFirstIncompleteOne)
 
 TEST_F(Catalogue, VoiceCommandsKeepTheFirstPhraseAndSkipDegree)
 {
-    const std::string doc =
-        "<Commands><Command><SubCommandList>"
-        "<SubCommand type=\"set\" service=\"power\" var=\"v\" value=\"on\">Turn on</SubCommand>"
-        "<SubCommand type=\"set\" service=\"temp\">Degree up</SubCommand>"
-        "<SubCommand type=\"set\" service=\"temp\">Set 20 Degree</SubCommand>"
-        "<SubCommand type=\"set\" service=\"temp\">one degree up</SubCommand>"
-        "<SubCommand type=\"set\" service=\"other\">Turn on</SubCommand>"
-        "<SubCommand type=\"get\" service=\"status\"/>"
-        "</SubCommandList><SubCommandList><SubCommand type=\"x\" service=\"y\">Second list</SubCommand></SubCommandList>"
-        "</Command><Command><SubCommandList><SubCommand service=\"s\">No type</SubCommand>"
-        "<SubCommand type=\"t\" service=\"s\">After bad</SubCommand></SubCommandList></Command>"
-        "<Command><SubCommandList><SubCommand type=\"t\" service=\"mode\">Cool mode</SubCommand></SubCommandList></Command>"
-        "</Commands>";
+    const std::string doc = "<Commands><Command><SubCommandList>"
+                            "<SubCommand type=\"set\" service=\"power\" var=\"v\" value=\"on\">Turn on</SubCommand>"
+                            "<SubCommand type=\"set\" service=\"temp\">Degree up</SubCommand>"
+                            "<SubCommand type=\"set\" service=\"temp\">Set 20 Degree</SubCommand>"
+                            "<SubCommand type=\"set\" service=\"temp\">one degree up</SubCommand>"
+                            "<SubCommand type=\"set\" service=\"other\">Turn on</SubCommand>"
+                            "<SubCommand type=\"get\" service=\"status\"/>"
+                            "</SubCommandList><SubCommandList><SubCommand type=\"x\" service=\"y\">Second "
+                            "list</SubCommand></SubCommandList>"
+                            "</Command><Command><SubCommandList><SubCommand service=\"s\">No type</SubCommand>"
+                            "<SubCommand type=\"t\" service=\"s\">After bad</SubCommand></SubCommandList></Command>"
+                            "<Command><SubCommandList><SubCommand type=\"t\" service=\"mode\">Cool "
+                            "mode</SubCommand></SubCommandList></Command>"
+                            "</Commands>";
     EXPECT_TRUE(Peer::ParseCommands(doc));
     EXPECT_TRUE(Peer::ParseCommands(doc));
     // A command without a list ends the walk; a bad sub-command ends only its list.
@@ -309,8 +345,10 @@ TEST_F(Catalogue, VoiceCommandsKeepTheFirstPhraseAndSkipDegree)
     for (size_t i = 0; i < lines.size(); i += 5)
         entries.push_back(lines[i] + lines[i + 1] + lines[i + 2] + lines[i + 3] + lines[i + 4]);
     // Ordered by phrase; a sub-command without one is stored under the empty phrase.
-    EXPECT_EQ(entries, (Texts{"3 voice_cmd:[]3 execute_cmd:[get]3 service_id:[status]3 service_var:[]3 service_value:[]",
-                              "3 voice_cmd:[Cool mode]3 execute_cmd:[t]3 service_id:[mode]3 service_var:[]3 service_value:[]",
-                              "3 voice_cmd:[Turn on]3 execute_cmd:[set]3 service_id:[power]3 service_var:[v]3 service_value:[on]",
-                              "3 voice_cmd:[one degree up]3 execute_cmd:[set]3 service_id:[temp]3 service_var:[]3 service_value:[]"}));
+    EXPECT_EQ(
+        entries,
+        (Texts{"3 voice_cmd:[]3 execute_cmd:[get]3 service_id:[status]3 service_var:[]3 service_value:[]",
+               "3 voice_cmd:[Cool mode]3 execute_cmd:[t]3 service_id:[mode]3 service_var:[]3 service_value:[]",
+               "3 voice_cmd:[Turn on]3 execute_cmd:[set]3 service_id:[power]3 service_var:[v]3 service_value:[on]",
+               "3 voice_cmd:[one degree up]3 execute_cmd:[set]3 service_id:[temp]3 service_var:[]3 service_value:[]"}));
 }

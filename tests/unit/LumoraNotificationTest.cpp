@@ -52,7 +52,8 @@ std::string Words(const noti::Record &r)
         << r.reserved2[0] << r.reserved2[1] << r.reserved2[2] << " n=" << r.buttonCount << " answer=" << r.needAnswer;
     for (int i = 0; i < 3; ++i) {
         std::string icon = r.buttonIcon[i].value_or("-");
-        out << " [" << r.buttonLabel[i].value_or("-") << ' ' << (icon.rfind(dir, 0) == 0 ? icon.substr(dir.size()) : icon) << ']';
+        out << " [" << r.buttonLabel[i].value_or("-") << ' '
+            << (icon.rfind(dir, 0) == 0 ? icon.substr(dir.size()) : icon) << ']';
     }
     return out.str();
 }
@@ -88,7 +89,7 @@ TEST_F(LumoraNotificationTest, EachKindIsPostedWithItsLayoutAndEveryPostedItemIs
         const char *const kGo = "n=2 answer=0 [SID_CLOSE i_close_cancel.png] [TV_SID_GO_TO_LUMORA i_go.png] [- -]";
         struct Case {
             bool bInstalled, bRunning;
-            const char *condition, *words;  // words null: not shown
+            const char *condition, *words; // words null: not shown
         } cases[] = {
             {false, false, "NoneWidget", kGo},
             {true, false, "Other", kGo},
@@ -103,8 +104,9 @@ TEST_F(LumoraNotificationTest, EachKindIsPostedWithItsLayoutAndEveryPostedItemIs
             const std::string id = std::to_string(noti::Posted().size() + 1);
             auto n = Device("dev", c.condition);
             EXPECT_EQ(presenter.Add(5, &n), c.words ? 1 : 0);
-            EXPECT_EQ(log.Messages().back(), std::string("LumoraNotification::m_AddDeviceNotification ") +
-                                                 (c.words ? "show the notification" : "this is notification is no need to show"));
+            EXPECT_EQ(log.Messages().back(),
+                      std::string("LumoraNotification::m_AddDeviceNotification ") +
+                          (c.words ? "show the notification" : "this is notification is no need to show"));
             if (c.words) {
                 EXPECT_EQ(Words(noti::Posted().back()),
                           "111 'org.kelvar.lumora' #" + id + " 'Washer' 'Done' '' 000000 " + c.words);
@@ -118,7 +120,8 @@ TEST_F(LumoraNotificationTest, EachKindIsPostedWithItsLayoutAndEveryPostedItemIs
         EXPECT_EQ(Peer::AddUnknown(presenter, &list), 1);
         auto posted = noti::Posted();
         ASSERT_EQ(posted.size(), 6u);
-        const std::string head = "112 'org.kelvar.lumora' #", title = " 'TV_NEW_HOME_APPLIANCE_DETECTED' 'Air Conditioner 1, Washer 1";
+        const std::string head = "112 'org.kelvar.lumora' #",
+                          title = " 'TV_NEW_HOME_APPLIANCE_DETECTED' 'Air Conditioner 1, Washer 1";
         const std::string tail = "' '' 000000 n=2 answer=1 [SID_YES i_allow.png] [SID_NO i_deny.png] [- -]";
         EXPECT_EQ(Words(posted[4]), head + "5" + title + "TV_NEW_HOME_APPLIANCE_DETECTED" + tail);
         EXPECT_EQ(Words(posted[5]), head + "6" + title + "TV_NEED_REGISTER_APPLIANCE_MSG" + tail);
@@ -126,8 +129,8 @@ TEST_F(LumoraNotificationTest, EachKindIsPostedWithItsLayoutAndEveryPostedItemIs
     Texts removed;
     for (const auto &r : noti::Removals())
         removed.push_back(r.appId + "#" + std::to_string(r.itemId));
-    EXPECT_EQ(removed, (Texts{"org.kelvar.lumora#1", "org.kelvar.lumora#2", "org.kelvar.lumora#3", "org.kelvar.lumora#4",
-                              "org.kelvar.lumora#5", "org.kelvar.lumora#6"}));
+    EXPECT_EQ(removed, (Texts{"org.kelvar.lumora#1", "org.kelvar.lumora#2", "org.kelvar.lumora#3",
+                              "org.kelvar.lumora#4", "org.kelvar.lumora#5", "org.kelvar.lumora#6"}));
     EXPECT_EQ(noti::Calls().back(), "close_notification_data_manager");
 }
 
@@ -165,7 +168,8 @@ TEST_F(LumoraNotificationTest, OnlyTheSecondButtonOfALaunchItemLaunchesTheWidget
     noti::WaitDelivered();
     Texts launched;
     for (const auto &l : apps::Launches())
-        launched.push_back(l.appId + (l.extraData.size() == 1 ? " " + l.extraData[0].first + "=" + l.extraData[0].second : " ?"));
+        launched.push_back(l.appId +
+                           (l.extraData.size() == 1 ? " " + l.extraData[0].first + "=" + l.extraData[0].second : " ?"));
     EXPECT_EQ(launched, (Texts{"PzKmRvTqXa.Lumora deviceID=washer-7", "PzKmRvTqXa.Lumora deviceID=washer-7",
                                "PzKmRvTqXa.Lumora deviceID="}));
 

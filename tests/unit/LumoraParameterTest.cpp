@@ -68,15 +68,15 @@ TEST(CDeviceNotification, FullDocumentFillsTheRecordAndLogsItFieldByField)
     CDeviceNotification n;
     EXPECT_TRUE(n.Parse(kFullNotification, "<ignored/>"));
     EXPECT_EQ(Fields(n.m_Data), "d1|Washer|Laundry|7|alarm|Done|0|always|1|0");
-    EXPECT_EQ(log.Messages(),
-              (Strings{"action_type=[open]", "action_name=[Widget]", "flag=[On]", "condition=[always]",
-                       "[CDeviceNotification], strID = [d1]", "[CDeviceNotification], strType = [Washer]",
-                       "[CDeviceNotification], strCtrlName = [Laundry]", "[CDeviceNotification], strNotiID = [7]",
-                       "[CDeviceNotification], strNotiType = [alarm]", "[CDeviceNotification], strNotiText = [Done]",
-                       "[CDeviceNotification], bWidgetLink = [false]",
-                       "[CDeviceNotification], strDisplayCondition = [always]",
-                       "[CDeviceNotification], bDisplayFlag = [true]",
-                       "[CDeviceNotification], nDisplayPeriodMS = [0]"}));
+    EXPECT_EQ(
+        log.Messages(),
+        (Strings{"action_type=[open]", "action_name=[Widget]", "flag=[On]", "condition=[always]",
+                 "[CDeviceNotification], strID = [d1]", "[CDeviceNotification], strType = [Washer]",
+                 "[CDeviceNotification], strCtrlName = [Laundry]", "[CDeviceNotification], strNotiID = [7]",
+                 "[CDeviceNotification], strNotiType = [alarm]", "[CDeviceNotification], strNotiText = [Done]",
+                 "[CDeviceNotification], bWidgetLink = [false]",
+                 "[CDeviceNotification], strDisplayCondition = [always]",
+                 "[CDeviceNotification], bDisplayFlag = [true]", "[CDeviceNotification], nDisplayPeriodMS = [0]"}));
     for (const auto &r : log.Records()) {
         EXPECT_EQ(r.priority, kDebug) << r.text;
         EXPECT_EQ(r.tag, "LUMORA");
@@ -87,33 +87,53 @@ TEST(CDeviceNotification, FullDocumentFillsTheRecordAndLogsItFieldByField)
 TEST(CDeviceNotification, AMissingPieceStopsReadingYetAPartialRecordStillParses)
 {
     // log: the lines before the record's ten, which are logged only when all four elements were found.
-    struct Case { const char *doc; bool result; const char *fields; Strings log; bool bRecordLogged; } cases[] = {
+    struct Case {
+        const char *doc;
+        bool result;
+        const char *fields;
+        Strings log;
+        bool bRecordLogged;
+    } cases[] = {
         {"<n type=\"alarm\"><Device id=\"d1\"/></n>", true, "||||||0||0|0", {"pDeviceNotification id is empty"}, false},
-        {"<n id=\"7\" type=\"alarm\"><device id=\"d1\"/><x><Device id=\"deep\"/></x></n>", true, "|||7|alarm||0||0|0",
-         {"can not find Device Element"}, false},
+        {"<n id=\"7\" type=\"alarm\"><device id=\"d1\"/><x><Device id=\"deep\"/></x></n>",
+         true,
+         "|||7|alarm||0||0|0",
+         {"can not find Device Element"},
+         false},
         // The later elements are only searched for after the earlier ones.
-        {"<n id=\"\"><Notification>Done</Notification><Device id=\"d1\" type=\"W\">L</Device></n>", true,
-         "d1|W|L||||0||0|0", {"can not find Notification Element"}, false},
-        {"<n id=\"7\"><Device id=\"d1\"/><Notification>Done</Notification><DisplayOption flag=\"On\"/></n>", true,
-         "d1|||7||Done|0||0|0", {"can not find Action Element"}, false},
-        {"<n id=\"7\"><Device id=\"d1\"/><Notification>Done</Notification><Action/><Other/></n>", true,
-         "d1|||7||Done|0||0|0", {"action_name=[]", "can not find DisplayOption Element"}, false},
+        {"<n id=\"\"><Notification>Done</Notification><Device id=\"d1\" type=\"W\">L</Device></n>",
+         true,
+         "d1|W|L||||0||0|0",
+         {"can not find Notification Element"},
+         false},
+        {"<n id=\"7\"><Device id=\"d1\"/><Notification>Done</Notification><DisplayOption flag=\"On\"/></n>",
+         true,
+         "d1|||7||Done|0||0|0",
+         {"can not find Action Element"},
+         false},
+        {"<n id=\"7\"><Device id=\"d1\"/><Notification>Done</Notification><Action/><Other/></n>",
+         true,
+         "d1|||7||Done|0||0|0",
+         {"action_name=[]", "can not find DisplayOption Element"},
+         false},
         // An empty Action still logs its (empty) name; only exactly "On" sets the flag; widget link and
         // period are never read; texts are untrimmed, with the text of child elements and entities resolved.
         {"<n id=\"1\" bWidgetLink=\"true\"><Device id=\"d\"> a<b>b</b> </Device><Notification>\n x&amp;y\n"
          "</Notification><Action/><DisplayOption widgetLink=\"true\" period=\"5\" flag=\"on\"/></n>",
-         true, "d|| ab |1||\n x&y\n|0||0|0", {"action_name=[]", "flag=[on]"}, true},
+         true,
+         "d|| ab |1||\n x&y\n|0||0|0",
+         {"action_name=[]", "flag=[on]"},
+         true},
     };
-    CDeviceNotification n;  // reused: every parse must start from a cleared record
+    CDeviceNotification n; // reused: every parse must start from a cleared record
     for (auto &c : cases) {
         ASSERT_TRUE(n.Parse(kFullNotification, nullptr));
         LogCapture log;
         EXPECT_EQ(n.Parse(c.doc, kFullNotification), c.result) << c.doc;
         EXPECT_EQ(Fields(n.m_Data), c.fields) << c.doc;
         Strings head = log.Messages();
-        const auto record = std::remove_if(head.begin(), head.end(), [](const std::string &m) {
-            return m.rfind("[CDeviceNotification], ", 0) == 0;
-        });
+        const auto record = std::remove_if(
+            head.begin(), head.end(), [](const std::string &m) { return m.rfind("[CDeviceNotification], ", 0) == 0; });
         EXPECT_EQ(head.end() - record, c.bRecordLogged ? 10 : 0) << c.doc;
         head.erase(record, head.end());
         EXPECT_EQ(head, c.log) << c.doc;
@@ -135,7 +155,10 @@ TEST(CNewDeviceList, KeepsDocumentOrderSummarisesPerTypeAndFailsWholeOnAnIncompl
                                        "[CNewDeviceList] -----id:[b], type:[Air Conditioner]"}));
 
     // Entries in byte order of the type, each cut at 255 characters (its separator included).
-    struct Summary { Strings types; std::string text; } summaries[] = {
+    struct Summary {
+        Strings types;
+        std::string text;
+    } summaries[] = {
         {{"air purifier", "Washer", "TV box", "TV", "Washer"}, "TV 1, TV box 1, Washer 2, air purifier 1"},
         {{"Washer", ""}, " 1, Washer 1"},
         {{std::string(253, 'T')}, std::string(253, 'T') + " 1"},
@@ -151,12 +174,17 @@ TEST(CNewDeviceList, KeepsDocumentOrderSummarisesPerTypeAndFailsWholeOnAnIncompl
         EXPECT_EQ(l.m_vecDevice.size(), c.types.size()) << "duplicate ids are kept";
     }
 
-    struct Failure { const char *doc; Strings log; Strings items; } failures[] = {
+    struct Failure {
+        const char *doc;
+        Strings log;
+        Strings items;
+    } failures[] = {
         {"<l><Wrap><NewDevice id=\"a\"><Type>TV</Type></NewDevice></Wrap></l>", {"new_device is null"}, {}},
         {"<l><NewDevice><Type>TV</Type></NewDevice></l>", {"pNewDevice id is empty"}, {}},
         {"<l><NewDevice id=\"a\"><Type>Washer</Type></NewDevice><NewDevice id=\"b\"/>"
          "<NewDevice id=\"c\"><Type>TV</Type></NewDevice></l>",
-         {"[CNewDeviceList] -----id:[a], type:[Washer]", "can not find Type Element"}, {"a:Washer"}},
+         {"[CNewDeviceList] -----id:[a], type:[Washer]", "can not find Type Element"},
+         {"a:Washer"}},
     };
     for (auto &c : failures) {
         ASSERT_TRUE(l.Parse("<l><NewDevice id=\"g\"><Type>TV</Type></NewDevice></l>", nullptr));
@@ -175,10 +203,9 @@ TEST(CRegisteredDeviceList, KeepsAirConditionersOnlyARepeatKeepsItsFirstConnecte
     const std::string doc =
         "<list>" + Device("1", "Connected", "Air Conditioner", "Living room") +
         Device("2", "Connected", "Washer", "Bath") + Device("3", "Connected", "air conditioner", "x") +
-        Device("4", "Connected", " Air Conditioner", "y") +
-        Device("5", "Standby", "Air Conditioner", "Attic") + Device("1", "Disconnected", "Air Conditioner", "Hall") +
-        Device("5", "Connected", "Air Conditioner", "Loft") + Device("1", "Connected", "Washer", "Ignored") +
-        Device("1x", "Connected", "Air Conditioner", "Other") +
+        Device("4", "Connected", " Air Conditioner", "y") + Device("5", "Standby", "Air Conditioner", "Attic") +
+        Device("1", "Disconnected", "Air Conditioner", "Hall") + Device("5", "Connected", "Air Conditioner", "Loft") +
+        Device("1", "Connected", "Washer", "Ignored") + Device("1x", "Connected", "Air Conditioner", "Other") +
         "<RegisteredDevice id=\"6\"><Type>Air Conditioner</Type><Name>Cellar</Name></RegisteredDevice></list>";
     EXPECT_TRUE(l.Parse(doc.c_str(), nullptr));
     EXPECT_EQ(Items(l), (Strings{"1|Hall|1|Disconnected|Air Conditioner", "5|Loft|0|Connected|Air Conditioner",
@@ -191,7 +218,11 @@ TEST(CRegisteredDeviceList, KeepsAirConditionersOnlyARepeatKeepsItsFirstConnecte
     // What came before an incomplete device stays; nothing after it is read, and a new document starts empty.
     const std::string kept = Device("1", "Connected", "Air Conditioner", "A");
     const std::string later = Device("2", "Connected", "Air Conditioner", "B");
-    struct Case { std::string doc; bool result; const char *message; } cases[] = {
+    struct Case {
+        std::string doc;
+        bool result;
+        const char *message;
+    } cases[] = {
         {"<l><Wrap>" + kept + "</Wrap></l>", false, "RegisteredDevice is null"},
         {"<l>" + kept + "<RegisteredDevice status=\"Connected\"/>" + later + "</l>", true,
          "RegisteredDevice id is empty"},
@@ -215,7 +246,12 @@ TEST(CRegisteredDeviceList, KeepsAirConditionersOnlyARepeatKeepsItsFirstConnecte
 // appending and clearing; what they cannot tell is how a count is read.
 TEST(CCommandResult, ACountIsReadLikeStrtolClampedToIntAndANegativeOneTakesNoValues)
 {
-    struct List { std::string text; bool result; Strings items; const char *message; } lists[] = {
+    struct List {
+        std::string text;
+        bool result;
+        Strings items;
+        const char *message;
+    } lists[] = {
         {"a|-1|b|0", true, {"a/-1/", "b/0/"}, nullptr},
         {"a|2x|p|q|r|x", true, {"a/2/p,q,", "r/0/"}, nullptr},
         {"a|4294967296|v", true, {"a/2147483647/v,"}, nullptr},

@@ -57,15 +57,17 @@ TEST(LumoraQorvHelper, CallsReachTheEngineOnlyWhileStartedAndEventsReachTheObjec
 
         EXPECT_EQ(helper.StartQorv(), 1);
         EXPECT_EQ(helper.StartQorv(), 1);
-        EXPECT_EQ(Lines(log), (Texts{"3 CLumoraQorvHelper Begin to start qorv!", "3 CLumoraQorvHelper start qorv success!",
-                                     "3 CLumoraQorvHelper Lumora Helper has been started already!"}));
+        EXPECT_EQ(Lines(log),
+                  (Texts{"3 CLumoraQorvHelper Begin to start qorv!", "3 CLumoraQorvHelper start qorv success!",
+                         "3 CLumoraQorvHelper Lumora Helper has been started already!"}));
         EXPECT_EQ(sim.Calls("qorv_start"), 1);
 
         EXPECT_EQ(helper.SetCallback(nullptr), 0);
         EXPECT_EQ(helper.SetCallback(&rec), 1);
         EXPECT_EQ(sim.Calls("qorv_register_callback"), 1);
-        EXPECT_EQ(Lines(log), (Texts{"6 The pLUManagerInst is invalid!", "3 CLumoraQorvHelper Begin to register callback!",
-                                     "3 CLumoraQorvHelper register callback success!"}));
+        EXPECT_EQ(Lines(log),
+                  (Texts{"6 The pLUManagerInst is invalid!", "3 CLumoraQorvHelper Begin to register callback!",
+                         "3 CLumoraQorvHelper register callback success!"}));
         EXPECT_EQ(sim.Emit(5, "<n id='1'/>", "second"), 42) << "the object's answer goes back to the engine";
         rec.nAnswer = -7;
         EXPECT_EQ(sim.Emit(12291, "", ""), -7);
@@ -81,13 +83,14 @@ TEST(LumoraQorvHelper, CallsReachTheEngineOnlyWhileStartedAndEventsReachTheObjec
         EXPECT_EQ(helper.RefreshQorv(), 1);
         EXPECT_EQ(helper.StopQorv(), 1);
         EXPECT_EQ(helper.StopQorv(), 1);
-        EXPECT_EQ(Lines(log), (Texts{"3 CLumoraQorvHelper Begin to Execute strCommand = SetLanguage!",
-                                     "3 CLumoraQorvHelper Begin to Execute strParam1 = ko_KR!",
-                                     "3 CLumoraQorvHelper Begin to Execute strParam2 = p2!",
-                                     "3 CLumoraQorvHelper Begin to Execute strResult = OK!",
-                                     "3 CLumoraQorvHelper Begin to refresh qorv!", "3 CLumoraQorvHelper Refresh qorv success!",
-                                     "3 CLumoraQorvHelper Begin to stop qorv!", "3 CLumoraQorvHelper Stop qorv success!",
-                                     "3" + notStarted}));
+        EXPECT_EQ(
+            Lines(log),
+            (Texts{"3 CLumoraQorvHelper Begin to Execute strCommand = SetLanguage!",
+                   "3 CLumoraQorvHelper Begin to Execute strParam1 = ko_KR!",
+                   "3 CLumoraQorvHelper Begin to Execute strParam2 = p2!",
+                   "3 CLumoraQorvHelper Begin to Execute strResult = OK!", "3 CLumoraQorvHelper Begin to refresh qorv!",
+                   "3 CLumoraQorvHelper Refresh qorv success!", "3 CLumoraQorvHelper Begin to stop qorv!",
+                   "3 CLumoraQorvHelper Stop qorv success!", "3" + notStarted}));
         EXPECT_EQ(sim.Calls("qorv_refresh"), 1);
         EXPECT_EQ(sim.Calls("qorv_stop"), 1);
     }
@@ -121,11 +124,13 @@ TEST(LumoraQorvHelper, BrokenLibrariesLeaveTheBindingUsableAndSayWhatIsMissing)
         EXPECT_EQ(helper.Execute("SetLanguage", "en", "", "", ""), "");
         EXPECT_EQ(helper.StopQorv(), 0);
         EXPECT_EQ(helper.StopQorv(), 0);
-        EXPECT_EQ(Lines(log), (Texts{"6 CLumoraQorvHelper Get the qorv_stop function failed!",
-                                     "3 CLumoraQorvHelper Begin to start qorv!", "3 CLumoraQorvHelper start qorv success!",
-                                     "6 CLumoraQorvHelper the m_pQrov_RegisterCallBack is NULL!",
-                                     "6 CLumoraQorvHelper the m_pQorv_Refresh is NULL!", "6 CLumoraQorvHelper the m_pQorv_Execute is NULL!",
-                                     "6 CLumoraQorvHelper the m_pQorv_Stop is NULL!", "6 CLumoraQorvHelper the m_pQorv_Stop is NULL!"}));
+        EXPECT_EQ(
+            Lines(log),
+            (Texts{
+                "6 CLumoraQorvHelper Get the qorv_stop function failed!", "3 CLumoraQorvHelper Begin to start qorv!",
+                "3 CLumoraQorvHelper start qorv success!", "6 CLumoraQorvHelper the m_pQrov_RegisterCallBack is NULL!",
+                "6 CLumoraQorvHelper the m_pQorv_Refresh is NULL!", "6 CLumoraQorvHelper the m_pQorv_Execute is NULL!",
+                "6 CLumoraQorvHelper the m_pQorv_Stop is NULL!", "6 CLumoraQorvHelper the m_pQorv_Stop is NULL!"}));
     }
     {
         LibraryPath path(EngineSim::Variant("startfails"));

@@ -81,10 +81,12 @@ TEST_F(PlatformFault, NotificationServiceFailuresAreIgnoredAndEveryItemIsStillFr
     // all the same (LeakSanitizer watches).
     struct {
         const char *fn;
-        size_t nLaunches;  // of two presses of the "Go" button
+        size_t nLaunches; // of two presses of the "Go" button
         size_t nShownAtEnd;
-    } cases[] = {{"init_notification_data_manager", 0, 0}, {"register_notification_button_callback", 0, 0},
-                 {"register_notification_timeout_callback", 2, 0}, {"remove_notification_data", 2, 2}};
+    } cases[] = {{"init_notification_data_manager", 0, 0},
+                 {"register_notification_button_callback", 0, 0},
+                 {"register_notification_timeout_callback", 2, 0},
+                 {"remove_notification_data", 2, 2}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.fn);
         tvhost::Reset();
@@ -112,8 +114,8 @@ TEST_F(PlatformFault, EnginesWithoutACallbackEntryOrRefusingTheCallbackOrARefres
 {
     struct Case {
         const char *variant;
-        std::vector<std::string> errors;  // level 3 lines after the start and a network change
-        std::string answer;  // to the language sent at the start
+        std::vector<std::string> errors; // level 3 lines after the start and a network change
+        std::string answer;              // to the language sent at the start
     } cases[] = {
         // register, execute and refresh follow the missing symbol in the lookup order
         {"noregister",
@@ -127,12 +129,13 @@ TEST_F(PlatformFault, EnginesWithoutACallbackEntryOrRefusingTheCallbackOrARefres
     for (const auto &c : cases) {
         SCOPED_TRACE(c.variant);
         NextManager();
-        m_strLibrary = EngineSim::Variant(c.variant);  // loaded instead of the real engine
+        m_strLibrary = EngineSim::Variant(c.variant); // loaded instead of the real engine
         LIB_QORV_HELPER_PATH = m_strLibrary.c_str();
         sim.reset(new EngineSim(m_strLibrary));
         tvhost::apps::SetInstalled(kWidgetApp, true);
         ASSERT_EQ(Peer::Get().Construct(), 0);
-        ASSERT_TRUE(RunUntil([&] { return log.Has("LumoraManager::Construct SetSystemLanguage strReturn = " + c.answer); }));
+        ASSERT_TRUE(
+            RunUntil([&] { return log.Has("LumoraManager::Construct SetSystemLanguage strReturn = " + c.answer); }));
         tvhost::network::SetType(1);
         ASSERT_TRUE(RunUntil([&] { return log.Has("m_ConnectionTypeChangedCB() is called. type : 1"); }));
         for (const auto &line : c.errors)

@@ -34,11 +34,14 @@ std::vector<std::string> g_calls;
 int CreateWithGuard(void *)
 {
     g_calls.push_back("create");
-    ecore_timer_add(30.0, [](void *) -> Eina_Bool {
-        g_calls.push_back("guard");
-        ecore_main_loop_quit();
-        return ECORE_CALLBACK_CANCEL;
-    }, nullptr);
+    ecore_timer_add(
+        30.0,
+        [](void *) -> Eina_Bool {
+            g_calls.push_back("guard");
+            ecore_main_loop_quit();
+            return ECORE_CALLBACK_CANCEL;
+        },
+        nullptr);
     return 0;
 }
 
@@ -59,7 +62,7 @@ TEST(TvhostMainLoop, AppcoreRunsCreateTheLoopAndTerminateUntilSigtermOrAPowerOff
         CreateWithGuard(nullptr);
         if (pFail)
             return -1;
-        kill(getpid(), SIGTERM);  // held back while create runs
+        kill(getpid(), SIGTERM); // held back while create runs
         return 0;
     };
     ops.terminate = [](void *) {
@@ -72,7 +75,7 @@ TEST(TvhostMainLoop, AppcoreRunsCreateTheLoopAndTerminateUntilSigtermOrAPowerOff
     EXPECT_EQ(std::string(std::getenv("PATH")).rfind(Root() + "/usr/bin:", 0), 0u) << "the TV's tools come first";
 
     g_calls.clear();
-    ops.data = &ops;  // create fails
+    ops.data = &ops; // create fails
     EXPECT_EQ(appcore_efl_main("test", nullptr, nullptr, &ops), -1);
     EXPECT_EQ(g_calls, std::vector<std::string>{"create"}) << "no loop and no terminate after a failed create";
 
@@ -131,7 +134,7 @@ TEST(TvhostSettings, ChangesReachEachSubscriberOnceOnTheMainLoopAndKeepTheirType
     EXPECT_TRUE(mainloop::RunUntil([&] { return heard.size() > 1; }, 30s));
     mainloop::RunFor(300ms);
     mainloop::Detach();
-    settings::SetInt(kKey, 8);  // without a loop the writer's call delivers
+    settings::SetInt(kKey, 8); // without a loop the writer's call delivers
     EXPECT_EQ(heard, (std::vector<std::string>{kKey + ":40", kKey + ":41", kKey + ":41"}));
     EXPECT_EQ(vconf_get_int(kKey.c_str(), &n), 0);
     EXPECT_EQ(n, 8);
@@ -189,12 +192,16 @@ TEST(TvhostNotifications, KeepsCopiesRemovesOnlyItsOwnAndDeliversOnItsOwnThreadU
     static std::vector<std::string> events;
     static std::thread::id thread;
     events.clear();
-    ASSERT_EQ(register_notification_button_callback([](int item, int index, void *) {
-                  events.push_back(std::to_string(item) + "/" + std::to_string(index));
-                  thread = std::this_thread::get_id();
-              }, nullptr), 0);
+    ASSERT_EQ(register_notification_button_callback(
+                  [](int item, int index, void *) {
+                      events.push_back(std::to_string(item) + "/" + std::to_string(index));
+                      thread = std::this_thread::get_id();
+                  },
+                  nullptr),
+              0);
     ASSERT_EQ(register_notification_timeout_callback(
-                  [](int item, void *) { events.push_back("timeout " + std::to_string(item)); }, nullptr), 0);
+                  [](int item, void *) { events.push_back("timeout " + std::to_string(item)); }, nullptr),
+              0);
     EXPECT_FALSE(noti::PressButton(5, 0)) << "no such notification";
     EXPECT_TRUE(noti::PressButton(1, 0));
     EXPECT_TRUE(noti::TimeOut(1));

@@ -49,7 +49,8 @@ std::string MarkerOf(const char *state, const std::string &appId)
     return StateDir(std::string("apps/") + state) + "/" + EscapeName(appId);
 }
 
-template <typename T> bool Take(std::deque<T> &queue, T &out)
+template <typename T>
+bool Take(std::deque<T> &queue, T &out)
 {
     std::lock_guard<std::mutex> lock(g_mutex);
     if (queue.empty())

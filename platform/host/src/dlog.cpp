@@ -94,10 +94,22 @@ extern "C" int __dlog_vprint(log_id_t log_id, int prio, const char *tag, const c
 namespace tvhost {
 namespace log {
 
-void SetEnabled(bool bEnabled) { g_bEnabled = bEnabled; }
-void SetCapture(bool bCapture) { g_bCapture = bCapture; }
-void SetEcho(bool bEcho) { g_bEcho = bEcho; }
-unsigned long PrintCount() { return g_nPrints.load(); }
+void SetEnabled(bool bEnabled)
+{
+    g_bEnabled = bEnabled;
+}
+void SetCapture(bool bCapture)
+{
+    g_bCapture = bCapture;
+}
+void SetEcho(bool bEcho)
+{
+    g_bEcho = bEcho;
+}
+unsigned long PrintCount()
+{
+    return g_nPrints.load();
+}
 
 std::vector<Record> Records()
 {

@@ -44,9 +44,8 @@ std::string PercentEscape(const std::string &text, bool (*bEscape)(unsigned char
 
 std::string EscapeName(const std::string &name)
 {
-    return PercentEscape(name, [](unsigned char c, size_t at) {
-        return c == '/' || c == '%' || c == '\0' || (at == 0 && c == '.');
-    });
+    return PercentEscape(
+        name, [](unsigned char c, size_t at) { return c == '/' || c == '%' || c == '\0' || (at == 0 && c == '.'); });
 }
 
 bool WriteFileAtomically(const std::string &path, const std::string &content)

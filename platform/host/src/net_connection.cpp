@@ -64,7 +64,7 @@ std::string DefaultRouteInterface()
 {
     std::ifstream v4("/proc/net/route");
     std::string line;
-    std::getline(v4, line);  // header
+    std::getline(v4, line); // header
     while (std::getline(v4, line)) {
         std::istringstream fields(line);
         std::string iface, dest, gateway;
@@ -124,8 +124,7 @@ void Recheck()
 Eina_Bool OnNetlink(void *, Ecore_Fd_Handler *)
 {
     char buf[8192];
-    while (recv(g_nNetlinkFd, buf, sizeof buf, MSG_DONTWAIT) > 0) {
-    }
+    while (recv(g_nNetlinkFd, buf, sizeof buf, MSG_DONTWAIT) > 0) {}
     Recheck();
     return ECORE_CALLBACK_RENEW;
 }
@@ -133,8 +132,7 @@ Eina_Bool OnNetlink(void *, Ecore_Fd_Handler *)
 Eina_Bool OnInotify(void *, Ecore_Fd_Handler *)
 {
     char buf[4096];
-    while (read(g_nInotifyFd, buf, sizeof buf) > 0) {
-    }
+    while (read(g_nInotifyFd, buf, sizeof buf) > 0) {}
     Recheck();
     return ECORE_CALLBACK_RENEW;
 }
@@ -152,12 +150,14 @@ void StartWatching()
         addr.nl_family = AF_NETLINK;
         addr.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
         if (bind(g_nNetlinkFd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) == 0)
-            g_pNetlinkHandler = ecore_main_fd_handler_add(g_nNetlinkFd, ECORE_FD_READ, OnNetlink, nullptr, nullptr, nullptr);
+            g_pNetlinkHandler =
+                ecore_main_fd_handler_add(g_nNetlinkFd, ECORE_FD_READ, OnNetlink, nullptr, nullptr, nullptr);
     }
     g_nInotifyFd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
     if (g_nInotifyFd >= 0 &&
         inotify_add_watch(g_nInotifyFd, OverrideDir().c_str(), IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE) >= 0)
-        g_pInotifyHandler = ecore_main_fd_handler_add(g_nInotifyFd, ECORE_FD_READ, OnInotify, nullptr, nullptr, nullptr);
+        g_pInotifyHandler =
+            ecore_main_fd_handler_add(g_nInotifyFd, ECORE_FD_READ, OnInotify, nullptr, nullptr, nullptr);
 }
 
 void StopWatching()

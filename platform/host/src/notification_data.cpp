@@ -40,13 +40,13 @@ struct Delivery {
     bool bButton;
     int nItemId;
     int nButtonIndex;
-    unsigned long nSeq = 0;  // numbered in queueing order, from 1
+    unsigned long nSeq = 0; // numbered in queueing order, from 1
 };
 
 struct Service {
     std::mutex mutex;
-    std::condition_variable wake;  // the delivery thread waits on it
-    std::condition_variable idle;  // WaitDelivered waits on it
+    std::condition_variable wake; // the delivery thread waits on it
+    std::condition_variable idle; // WaitDelivered waits on it
 
     bool bInitialised = false;
     std::string strAppId;
@@ -490,8 +490,10 @@ bool QueueChecked(Delivery d, Ticket &ticket, std::string &why)
     const int nButtons = it->second.buttonCount;
     if (d.bButton && (d.nButtonIndex < 0 || d.nButtonIndex >= nButtons)) {
         why = "notification #" + std::to_string(d.nItemId) +
-              (nButtons == 0 ? std::string(" has no buttons")
-                             : " has " + std::to_string(nButtons) + (nButtons == 1 ? " button: press 0" : " buttons: press 0 to " + std::to_string(nButtons - 1)));
+              (nButtons == 0
+                   ? std::string(" has no buttons")
+                   : " has " + std::to_string(nButtons) +
+                         (nButtons == 1 ? " button: press 0" : " buttons: press 0 to " + std::to_string(nButtons - 1)));
         return false;
     }
     d.nSeq = ++s.nLastSeq;
@@ -525,7 +527,7 @@ void WaitDelivered()
     Service &s = S();
     std::unique_lock<std::mutex> lock(s.mutex);
     if (s.worker.joinable() && s.worker.get_id() == std::this_thread::get_id())
-        return;  // from inside a callback nothing else can be delivered meanwhile
+        return; // from inside a callback nothing else can be delivered meanwhile
     s.idle.wait(lock, [&] { return s.queue.empty() && !s.bBusy; });
 }
 
@@ -573,7 +575,6 @@ tvhost::detail::ResetHook g_reset([] {
     s.nDelivered = 0;
 });
 } // namespace
-
 
 // ---- the control socket ----------------------------------------------------
 //
@@ -700,8 +701,8 @@ bool ParseRecordLine(const std::string &line, Record &r)
 
 std::string LaunchLine(const tvhost::apps::Launch &launch)
 {
-    std::string line = "LAUNCH\t" + std::to_string(launch.result) + "\t" + Escape(launch.appId) + "\t" +
-                       Escape(launch.operation);
+    std::string line =
+        "LAUNCH\t" + std::to_string(launch.result) + "\t" + Escape(launch.appId) + "\t" + Escape(launch.operation);
     for (const auto &kv : launch.extraData)
         line += "\t" + Escape(kv.first) + "\t" + Escape(kv.second);
     return line;
@@ -753,7 +754,7 @@ void Warn(const std::string &text)
 }
 
 struct Control {
-    std::mutex mutex;  // serialises start and stop
+    std::mutex mutex; // serialises start and stop
     std::thread thread;
     int nListenFd = -1;
     int nWakeFd = -1;
@@ -774,9 +775,8 @@ bool WaitFor(const Ticket &ticket)
 {
     Service &s = S();
     std::unique_lock<std::mutex> lock(s.mutex);
-    s.idle.wait(lock, [&] {
-        return s.nDoneSeq >= ticket.nSeq || s.nGeneration != ticket.nGeneration || C().bStop.load();
-    });
+    s.idle.wait(lock,
+                [&] { return s.nDoneSeq >= ticket.nSeq || s.nGeneration != ticket.nGeneration || C().bStop.load(); });
     return s.nDoneSeq >= ticket.nSeq;
 }
 
@@ -884,8 +884,8 @@ void StartControl()
     const std::string path = ControlSocketPath();
     sockaddr_un addr;
     if (!MakeAddress(path, addr)) {
-        Warn("the notification control socket path is too long (" + std::to_string(path.size()) +
-             " bytes, at most " + std::to_string(sizeof addr.sun_path - 1) + "): " + path +
+        Warn("the notification control socket path is too long (" + std::to_string(path.size()) + " bytes, at most " +
+             std::to_string(sizeof addr.sun_path - 1) + "): " + path +
              "; lumora-tv cannot reach this service. Build in a tree with a shorter path.");
         return;
     }
@@ -1015,7 +1015,8 @@ bool Request(const std::string &request, std::vector<std::string> &lines, remote
 bool CountedLines(const std::vector<std::string> &lines, size_t &count, remote::Error &error)
 {
     int n = 0;
-    if (lines[0].size() < 4 || !ParseInt(lines[0].substr(3), n) || n < 0 || lines.size() != static_cast<size_t>(n) + 1) {
+    if (lines[0].size() < 4 || !ParseInt(lines[0].substr(3), n) || n < 0 ||
+        lines.size() != static_cast<size_t>(n) + 1) {
         error.text = "malformed answer from the service: " + lines[0];
         return false;
     }

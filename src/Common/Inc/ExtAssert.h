@@ -8,6 +8,6 @@
 
 #define EXT_ASSERT_TEXT(text) #text
 #define EXT_ASSERT_EXPANDED(text) EXT_ASSERT_TEXT(text)
-#define EXT_ASSERT(expr) \
-    ((expr) ? static_cast<void>(0) \
+#define EXT_ASSERT(expr)                                                                                               \
+    ((expr) ? static_cast<void>(0)                                                                                     \
             : ext_assert_fail(EXT_ASSERT_EXPANDED(expr), __FILE__, __LINE__, __PRETTY_FUNCTION__))

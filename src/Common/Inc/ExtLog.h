@@ -6,8 +6,7 @@ extern "C" {
 #endif
 
 // Levels: 0 debug, 1 info, 2 warning, 3 error, 4 fatal; any other level is dropped.
-void ext_log_base_print(int nLevel, const char *pTag, const char *pFormat, ...)
-    __attribute__((format(printf, 3, 4)));
+void ext_log_base_print(int nLevel, const char *pTag, const char *pFormat, ...) __attribute__((format(printf, 3, 4)));
 
 #ifdef __cplusplus
 }
@@ -39,9 +38,9 @@ constexpr const char *ext_log_basename(const char *p)
 
 // Every line carries "file:function(line)>" in front of its message. External
 // text must only ever be an argument of the message, never part of fmt.
-#define LUMORA_LOG(level, fmt, ...) \
+#define LUMORA_LOG(level, fmt, ...)                                                                                    \
     ext_log_base_print((level), EXT_LOG_TAG, "%s:%s(%d)>" fmt, EXT_LOG_FILE, __FUNCTION__, __LINE__, ##__VA_ARGS__)
 
 // The same, for a helper that logs on behalf of the named function.
-#define LUMORA_LOG_AS(function, level, fmt, ...) \
+#define LUMORA_LOG_AS(function, level, fmt, ...)                                                                       \
     ext_log_base_print((level), EXT_LOG_TAG, "%s:%s(%d)>" fmt, EXT_LOG_FILE, (function), __LINE__, ##__VA_ARGS__)

@@ -10,7 +10,7 @@ public:
     virtual ~CThread();
 
     bool Create();
-    void Destroy();  // joins; does not ask t_Main to end
+    void Destroy(); // joins; does not ask t_Main to end
     bool FlagCreate();
 
     static void Sleep(unsigned long ulMilliseconds);
@@ -33,7 +33,7 @@ public:
     virtual ~CLoop();
 
     bool Create();
-    void Destroy();  // asks the loop to stop, then joins after the current t_Loop
+    void Destroy(); // asks the loop to stop, then joins after the current t_Loop
     void t_Main() override;
 
 protected:

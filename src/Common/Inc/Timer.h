@@ -28,6 +28,6 @@ private:
     struct timeval m_tvPeriod;
     void (*m_pfnCallback)(void *);
     void *m_pArg;
-    std::atomic<bool> m_bRunning;  // set by the timer thread, cleared to stop it
+    std::atomic<bool> m_bRunning; // set by the timer thread, cleared to stop it
     bool m_bRepeat;
 };

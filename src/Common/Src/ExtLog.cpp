@@ -12,8 +12,8 @@ extern "C" void ext_log_base_print(int nLevel, const char *pTag, const char *pFo
     int nPriority;
     switch (nLevel) {
     case EXT_LOG_DEBUG: nPriority = DLOG_DEBUG; break;
-    case EXT_LOG_INFO:  nPriority = DLOG_INFO;  break;
-    case EXT_LOG_WARN:  nPriority = DLOG_WARN;  break;
+    case EXT_LOG_INFO: nPriority = DLOG_INFO; break;
+    case EXT_LOG_WARN: nPriority = DLOG_WARN; break;
     case EXT_LOG_ERROR: nPriority = DLOG_ERROR; break;
     case EXT_LOG_FATAL: nPriority = DLOG_FATAL; break;
     default: return;

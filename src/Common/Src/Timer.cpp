@@ -6,16 +6,13 @@
 #include <unistd.h>
 
 CTimer::CTimer()
-    : m_hTimerThread(), m_tvPeriod{0, 0}, m_pfnCallback(nullptr), m_pArg(nullptr),
-      m_bRunning(false), m_bRepeat(false)
-{
-}
+    : m_hTimerThread(), m_tvPeriod{0, 0}, m_pfnCallback(nullptr), m_pArg(nullptr), m_bRunning(false), m_bRepeat(false)
+{}
 
 CTimer::CTimer(long lSeconds, void (*pfnCallback)(void *), void *pArg, bool bRepeat)
-    : m_hTimerThread(), m_tvPeriod{lSeconds, 0}, m_pfnCallback(pfnCallback), m_pArg(pArg),
-      m_bRunning(false), m_bRepeat(bRepeat)
-{
-}
+    : m_hTimerThread(), m_tvPeriod{lSeconds, 0}, m_pfnCallback(pfnCallback), m_pArg(pArg), m_bRunning(false),
+      m_bRepeat(bRepeat)
+{}
 
 CTimer::~CTimer()
 {
@@ -62,8 +59,7 @@ void *CTimer::OnTimer_stub(void *pThis)
 void CTimer::thread_proc()
 {
     m_bRunning = true;
-    sd_notifyf(0, "READY=1\nsd_notify READY Proc : %s(%lu)", "RAApp",
-               static_cast<unsigned long>(getpid()));
+    sd_notifyf(0, "READY=1\nsd_notify READY Proc : %s(%lu)", "RAApp", static_cast<unsigned long>(getpid()));
 
     do {
         if (!m_bRunning.load(std::memory_order_relaxed))

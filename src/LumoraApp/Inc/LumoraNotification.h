@@ -14,9 +14,9 @@ class CNewDeviceList;
 
 // What a posted notification does when one of its buttons is pressed.
 struct TNotiActionItem {
-    int nType = 0;  // 1: a press may launch the widget; 0: no action
+    int nType = 0; // 1: a press may launch the widget; 0: no action
     int nItemId = 0;
-    std::string strDeviceID;  // handed to the widget; empty for new devices
+    std::string strDeviceID; // handed to the widget; empty for new devices
 };
 
 class LumoraNotification {
@@ -46,7 +46,7 @@ private:
 
     int m_nItemId;
     std::map<int, TNotiActionItem *> m_mapNotiItem;
-    CMutex m_Lock;  // recursive: the button callback re-enters it
+    CMutex m_Lock; // recursive: the button callback re-enters it
 
     friend class LumoraNotificationTestPeer;
 };

@@ -99,7 +99,7 @@ public:
 
     CCommandResult();
     ~CCommandResult() override;
-    bool Parse(const char *strParam1, const char *strParam2) override;  // accepts anything
+    bool Parse(const char *strParam1, const char *strParam2) override; // accepts anything
     void Clear() override;
 
     bool m_ParseSubCommandInfo(std::string &text);

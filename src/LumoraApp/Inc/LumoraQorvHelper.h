@@ -34,8 +34,8 @@ public:
     int StopQorv();
     int RefreshQorv();
     int SetCallback(IQorvHelperCallBack *pCallback);
-    std::string Execute(std::string strCommand, std::string strParam1, std::string strParam2,
-                        std::string strParam3, std::string strParam4);
+    std::string Execute(std::string strCommand, std::string strParam1, std::string strParam2, std::string strParam3,
+                        std::string strParam4);
 
     int m_Destroy();
 

@@ -79,8 +79,7 @@ void ForEachNamed(xmlNodePtr pFirst, Fn fn)
 // The device-type and master-key documents open alike: well-formed, with a
 // root of the expected name. Logs as pFunction; the document is freed on
 // failure and handed back on success.
-xmlNodePtr OpenCatalogue(const char *pFunction, const char *pBuffer, int nSize, const char *pRootName,
-                         xmlDocPtr &pDoc)
+xmlNodePtr OpenCatalogue(const char *pFunction, const char *pBuffer, int nSize, const char *pRootName, xmlDocPtr &pDoc)
 {
     pDoc = xmlParseMemory(pBuffer, nSize);
     if (pDoc == nullptr) {
@@ -103,8 +102,7 @@ xmlNodePtr OpenCatalogue(const char *pFunction, const char *pBuffer, int nSize, 
 
 } // namespace
 
-LumoraManager::LumoraManager()
-    : m_nReserved0(0), m_nReserved1(0), m_pRegisterList(nullptr), m_connection(nullptr)
+LumoraManager::LumoraManager() : m_nReserved0(0), m_nReserved1(0), m_pRegisterList(nullptr), m_connection(nullptr)
 {
     m_strReserved0 = "";
     m_strReserved1 = "";
@@ -159,7 +157,8 @@ int LumoraManager::Construct()
         LUMORA_LOG(EXT_LOG_FATAL, "connection_create() is failed\n");
         return -1;
     }
-    LUMORA_LOG(EXT_LOG_DEBUG, "connection_create() is successful. connection : %p\n", static_cast<void *>(m_connection));
+    LUMORA_LOG(EXT_LOG_DEBUG, "connection_create() is successful. connection : %p\n",
+               static_cast<void *>(m_connection));
 
     if (connection_set_type_changed_cb(m_connection, m_ConnectionTypeChangedCB, nullptr) != 0) {
         LUMORA_LOG(EXT_LOG_FATAL, "connection_set_type_changed_cb() is failed\n");
@@ -193,7 +192,7 @@ void LumoraManager::m_WidgetCheckerPipeCB(void *pData, void *pBuffer, unsigned i
     (void)pBuffer;
     (void)nBytes;
     if (!m_bWidgetInstalled.load(std::memory_order_relaxed))
-        return;  // an uninstall does not stop the engine
+        return; // an uninstall does not stop the engine
 
     LumoraManager *pManager = GetInstance();
     LUMORA_LOG(EXT_LOG_DEBUG, "Begin to start qorv!");
@@ -314,8 +313,7 @@ int LumoraManager::OnQorvEvent(int nEvent, std::string strParam1, std::string st
         LUMORA_LOG(EXT_LOG_DEBUG, "In HAC_EVENT_TV_POWER_OFF condition ");
         m_TvControl.PowerOff();
         return 0;
-    default:
-        return 0;
+    default: return 0;
     }
 }
 
@@ -551,6 +549,6 @@ bool LumoraManager::m_EleOnSubCommand(_xmlNode *pNode)
     info.service_id = strService;
     info.service_var = strVar;
     info.service_value = strValue;
-    m_mapDeviceCommand.insert(std::make_pair(strVoice, info));  // the first definition wins
+    m_mapDeviceCommand.insert(std::make_pair(strVoice, info)); // the first definition wins
     return true;
 }

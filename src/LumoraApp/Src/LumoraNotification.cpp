@@ -16,7 +16,8 @@ const char *const APP_ID = "org.kelvar.lumora";
 const char *const WIDGET_APP_ID = "PzKmRvTqXa.Lumora";
 const char *const TEXT_DOMAIN = "lumora";
 
-const char *const ICON_CLOSE = LUMORA_TV_PATH("/usr/share/COMMONRESOURCE/IMAGE/ICON/ICON_BLACK/SMALL/i_close_cancel.png");
+const char *const ICON_CLOSE =
+    LUMORA_TV_PATH("/usr/share/COMMONRESOURCE/IMAGE/ICON/ICON_BLACK/SMALL/i_close_cancel.png");
 const char *const ICON_GO = LUMORA_TV_PATH("/usr/share/COMMONRESOURCE/IMAGE/ICON/ICON_BLACK/SMALL/i_go.png");
 const char *const ICON_ALLOW = LUMORA_TV_PATH("/usr/share/COMMONRESOURCE/IMAGE/ICON/ICON_BLACK/SMALL/i_allow.png");
 const char *const ICON_DENY = LUMORA_TV_PATH("/usr/share/COMMONRESOURCE/IMAGE/ICON/ICON_BLACK/SMALL/i_deny.png");
@@ -83,13 +84,9 @@ int LumoraNotification::Add(int nEvent, LumoraParameter *pParam)
     LUMORA_LOG(EXT_LOG_DEBUG, "LumoraNotification::Add, nEvent=%d", nEvent);
     // The caller pairs the parameter with its event; no run-time check.
     switch (nEvent) {
-    case EVENT_NEW_DEVICE_LIST:
-        return m_AddNewDeviceFound(static_cast<CNewDeviceList *>(pParam));
-    case EVENT_DEVICE_NOTIFICATION:
-        return m_AddDeviceNotification(static_cast<CDeviceNotification *>(pParam));
-    default:
-        LUMORA_LOG(EXT_LOG_DEBUG, "[CNotiAction]-Unreachable code, nEvent=%d", nEvent);
-        return 0;
+    case EVENT_NEW_DEVICE_LIST: return m_AddNewDeviceFound(static_cast<CNewDeviceList *>(pParam));
+    case EVENT_DEVICE_NOTIFICATION: return m_AddDeviceNotification(static_cast<CDeviceNotification *>(pParam));
+    default: LUMORA_LOG(EXT_LOG_DEBUG, "[CNotiAction]-Unreachable code, nEvent=%d", nEvent); return 0;
     }
 }
 
@@ -104,7 +101,8 @@ int LumoraNotification::m_AddDeviceNotification(CDeviceNotification *pNotificati
     CLumoraWidgetHelper widget;
     const bool bWidgetRunning = widget.IsWidgetLaunched(WIDGET_APP_ID);
     if (bWidgetRunning && info.strDisplayCondition == "NoneWidget") {
-        LUMORA_LOG(EXT_LOG_DEBUG, "LumoraNotification::m_AddDeviceNotification this is notification is no need to show");
+        LUMORA_LOG(EXT_LOG_DEBUG,
+                   "LumoraNotification::m_AddDeviceNotification this is notification is no need to show");
         return 0;
     }
 

@@ -224,8 +224,7 @@ bool CDeviceNotification::Ele_OnDeviceNotification(xmlNode *node)
     LUMORA_LOG(EXT_LOG_DEBUG, "[CDeviceNotification], strNotiType = [%s]", m_Data.strNotiType.c_str());
     LUMORA_LOG(EXT_LOG_DEBUG, "[CDeviceNotification], strNotiText = [%s]", m_Data.strNotiText.c_str());
     LUMORA_LOG(EXT_LOG_DEBUG, "[CDeviceNotification], bWidgetLink = [%s]", Word(m_Data.bWidgetLink));
-    LUMORA_LOG(EXT_LOG_DEBUG, "[CDeviceNotification], strDisplayCondition = [%s]",
-               m_Data.strDisplayCondition.c_str());
+    LUMORA_LOG(EXT_LOG_DEBUG, "[CDeviceNotification], strDisplayCondition = [%s]", m_Data.strDisplayCondition.c_str());
     LUMORA_LOG(EXT_LOG_DEBUG, "[CDeviceNotification], bDisplayFlag = [%s]", Word(m_Data.bDisplayFlag));
     LUMORA_LOG(EXT_LOG_DEBUG, "[CDeviceNotification], nDisplayPeriodMS = [%d]", m_Data.nDisplayPeriodMS);
     return true;
@@ -295,8 +294,7 @@ bool CNewDeviceList::Ele_OnNewDevice(xmlNode *node)
         return false;
     }
     item.strType = TextOrEmpty(type);
-    LUMORA_LOG(EXT_LOG_DEBUG, "[CNewDeviceList] -----id:[%s], type:[%s]", item.strID.c_str(),
-               item.strType.c_str());
+    LUMORA_LOG(EXT_LOG_DEBUG, "[CNewDeviceList] -----id:[%s], type:[%s]", item.strID.c_str(), item.strType.c_str());
     m_vecDevice.push_back(item);
     return true;
 }
@@ -491,14 +489,14 @@ bool CCommandResult::m_ParseSubCommandList(std::string &text)
         Item item;
         item.strName = fields[i];
         if (i + 1 >= n) {
-            nState = 1;  // a name with no count behind it
+            nState = 1; // a name with no count behind it
             break;
         }
         item.nCount = ReadCount(fields[i + 1]);
         i += 2;
         if (item.nCount != 0) {
             if (i >= n) {
-                nState = 2;  // a count with nothing behind it
+                nState = 2; // a count with nothing behind it
                 break;
             }
             for (int taken = 0; taken < item.nCount && i < n; ++taken)

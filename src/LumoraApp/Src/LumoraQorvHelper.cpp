@@ -35,7 +35,7 @@ namespace {
 template <typename Fn>
 bool Resolve(void *pHandle, const char *pName, Fn &pfn)
 {
-    dlerror();  // forget any earlier error, so that only this lookup is judged
+    dlerror(); // forget any earlier error, so that only this lookup is judged
     pfn = reinterpret_cast<Fn>(dlsym(pHandle, pName));
     if (dlerror() != nullptr) {
         pfn = nullptr;
@@ -195,8 +195,8 @@ std::string CLumoraQorvHelper::Execute(std::string strCommand, std::string strPa
     LUMORA_LOG(EXT_LOG_DEBUG, "CLumoraQorvHelper Begin to Execute strParam2 = %s!", strParam2.c_str());
 
     // The result text belongs to the engine: copied, never freed.
-    const char *pResult = m_pQorv_Execute(strCommand.c_str(), strParam1.c_str(), strParam2.c_str(),
-                                          strParam3.c_str(), strParam4.c_str());
+    const char *pResult =
+        m_pQorv_Execute(strCommand.c_str(), strParam1.c_str(), strParam2.c_str(), strParam3.c_str(), strParam4.c_str());
     if (pResult != nullptr)
         strResult = pResult;
     LUMORA_LOG(EXT_LOG_DEBUG, "CLumoraQorvHelper Begin to Execute strResult = %s!", strResult.c_str());

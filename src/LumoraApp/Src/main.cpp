@@ -29,8 +29,8 @@ void notify_watchdog(void *pData)
         sd_notifyf(0, "READY=1\nsd_notify READY Proc : %s(%d)", SERVICE_NAME, static_cast<int>(getpid()));
         g_bNotifyReady = false;
     }
-    int nResult = sd_notifyf(0, "WATCHDOG=1\nsd_notify WATCHDOG Proc : %s(%ld)", SERVICE_NAME,
-                             static_cast<long>(getpid()));
+    int nResult =
+        sd_notifyf(0, "WATCHDOG=1\nsd_notify WATCHDOG Proc : %s(%ld)", SERVICE_NAME, static_cast<long>(getpid()));
     if (nResult < 0) {
         LUMORA_LOG(EXT_LOG_ERROR, "lumora fail to call sd_notifyf: %d", nResult);
         return;

@@ -8,9 +8,9 @@ namespace tvhost {
 namespace log {
 
 struct Record {
-    int priority;      // platform priority: 3 debug .. 7 fatal
+    int priority; // platform priority: 3 debug .. 7 fatal
     std::string tag;
-    std::string text;  // the formatted message, as written
+    std::string text; // the formatted message, as written
 };
 
 // Switches the platform log on or off (_get_logging_on). On by default; the

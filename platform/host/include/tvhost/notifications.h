@@ -36,7 +36,7 @@ struct Record {
 struct Removal {
     std::string appId;
     int itemId;
-    bool found;  // whether a shown notification was taken down
+    bool found; // whether a shown notification was taken down
 };
 
 // Every record accepted by add_notification_data, in order (later posts of the
@@ -89,8 +89,8 @@ std::string ControlSocketPath();
 namespace remote {
 
 struct Error {
-    bool bNoService = false;  // nothing listens: no service runs on this host TV
-    std::string text;         // what went wrong, for a person
+    bool bNoService = false; // nothing listens: no service runs on this host TV
+    std::string text;        // what went wrong, for a person
 };
 
 // The serving process's id.
