@@ -16,6 +16,7 @@
 #include <libxml/xmlerror.h>
 
 #include "mode.h"
+#include "tvhost/parse.h"
 
 namespace qorvsim {
 
@@ -87,15 +88,10 @@ std::string RawContent(xmlDoc *pDoc, xmlNode *pNode)
     return Trim(s);
 }
 
-bool ParseNumber(const std::string &s, int base, long nMin, long nMax, long &nOut)
+bool ParseNumber(const std::string &s, long nMin, long nMax, long &nOut)
 {
-    std::string t = Trim(s);
-    if (t.empty())
-        return false;
-    errno = 0;
-    char *pEnd = nullptr;
-    long n = strtol(t.c_str(), &pEnd, base);
-    if (errno != 0 || *pEnd != '\0' || n < nMin || n > nMax)
+    long n = 0;
+    if (!tvhost::ParseInt(Trim(s), n) || n < nMin || n > nMax)
         return false;
     nOut = n;
     return true;
@@ -250,17 +246,17 @@ private:
             }
             Cue cue;
             cue.nLine = static_cast<int>(xmlGetLineNo(c));
-            if (!ParseNumber(Attr(c, "ms"), 10, 0, kMaxMs, cue.nMs)) {
+            if (!ParseNumber(Attr(c, "ms"), 0, kMaxMs, cue.nMs)) {
                 Report(c, "<At> needs ms=\"milliseconds after the start\" (0 to " + std::to_string(kMaxMs) +
                               "), skipped with its steps");
                 continue;
             }
-            if (Has(c, "repeat") && !ParseNumber(Attr(c, "repeat"), 10, 1, kMaxRepeat, cue.nRepeat)) {
+            if (Has(c, "repeat") && !ParseNumber(Attr(c, "repeat"), 1, kMaxRepeat, cue.nRepeat)) {
                 Report(c, "repeat=\"" + Attr(c, "repeat") + "\" is not a count from 1 to " +
                               std::to_string(kMaxRepeat) + ", skipped with its steps");
                 continue;
             }
-            if (Has(c, "every") && !ParseNumber(Attr(c, "every"), 10, 0, kMaxMs, cue.nEveryMs)) {
+            if (Has(c, "every") && !ParseNumber(Attr(c, "every"), 0, kMaxMs, cue.nEveryMs)) {
                 Report(c, "every=\"" + Attr(c, "every") + "\" is not a number of milliseconds, skipped with its steps");
                 continue;
             }
@@ -363,7 +359,7 @@ private:
         } else if (Is(pNode, "Raw")) {
             step.kind = StepKind::Raw;
             long nEvent = 0;
-            if (!ParseNumber(Attr(pNode, "event"), 0, INT32_MIN, INT32_MAX, nEvent)) {
+            if (!ParseNumber(Attr(pNode, "event"), INT32_MIN, INT32_MAX, nEvent)) {
                 Report(pNode, "<Raw> needs event=\"number\", skipped");
                 return false;
             }

@@ -15,6 +15,7 @@
 #include "LumoraWidgetChecker.h"
 #include "LumoraWidgetHelper.h"
 #include "tvhost/apps.h"
+#include "tvhost/faults.h"
 #include "tvhost/power.h"
 #include "tvhost/settings.h"
 #include "tvhost/tvhost.h"
@@ -144,21 +145,21 @@ TEST(LumoraWidgetHelper, QueriesRetryOnlyWhileTheServiceIsBusyOrAStatusCallFails
     tvhost::apps::SetInstalled(kWidget, true);
     tvhost::apps::SetRunning(kWidget, true);
     CLumoraWidgetHelper helper;
-    auto calls = [](const char *fn) { return tvhost::apps::CallCount(fn); };
+    auto calls = [](const char *fn) { return tvhost::faults::Calls(fn); };
 
     // Up to five retries on -2; any other failure is final at once.
-    tvhost::apps::QueueAppInfoResult(-2, 6);
+    tvhost::faults::Queue("was_get_app_info", -2, 6);
     EXPECT_FALSE(helper.IsWidgetInstalled(kWidget)) << "a sixth busy answer is final";
     EXPECT_EQ(calls("was_get_app_info"), 6);
     EXPECT_EQ(log.Count("=== Begin to get app info ! ==="), 6);
     EXPECT_EQ(log.PriorityOf("=== The widget PzKmRvTqXa.Lumora is not installed! ==="), kDebug);
     tvhost::Reset();
-    tvhost::apps::QueueAppInfoResult(-2, 5);
+    tvhost::faults::Queue("was_get_app_info", -2, 5);
     EXPECT_TRUE(helper.IsWidgetInstalled(kWidget));
     EXPECT_EQ(calls("was_get_app_info"), 6);
     tvhost::Reset();
-    tvhost::apps::QueueAppInfoResult(-2);
-    tvhost::apps::QueueAppInfoResult(-1);
+    tvhost::faults::Queue("was_get_app_info", -2);
+    tvhost::faults::Queue("was_get_app_info", -1);
     EXPECT_FALSE(helper.IsWidgetInstalled(kWidget));
     EXPECT_EQ(calls("was_get_app_info"), 2);
 
@@ -170,15 +171,15 @@ TEST(LumoraWidgetHelper, QueriesRetryOnlyWhileTheServiceIsBusyOrAStatusCallFails
     EXPECT_TRUE(log.Has("=====The widget PzKmRvTqXa.Lumora has not been launched !=====\n"));
     // Three failed status calls are final; a fourth, successful answer is never asked for.
     tvhost::Reset();
-    tvhost::apps::QueueAppStatusResult(-1, 0, 3);
-    tvhost::apps::QueueAppStatusResult(0, 1);
+    tvhost::faults::Queue("was_get_app_status", {-1, 0}, 3);
+    tvhost::faults::Queue("was_get_app_status", {0, 1});
     EXPECT_FALSE(helper.IsWidgetLaunched(kWidget));
     EXPECT_EQ(calls("was_get_app_status"), 3);
     EXPECT_EQ(log.Count("=====Get the widget PzKmRvTqXa.Lumora info error =====\n"), 3);
     // A failed call that nevertheless set the status word ends the retries.
     tvhost::Reset();
     tvhost::apps::SetRunning(kWidget, true);
-    tvhost::apps::QueueAppStatusResult(-1, 1);
+    tvhost::faults::Queue("was_get_app_status", {-1, 1});
     EXPECT_FALSE(helper.IsWidgetLaunched(kWidget));
     EXPECT_EQ(calls("was_get_app_status"), 1);
 }
@@ -196,7 +197,7 @@ TEST(LumoraWidgetHelper, LaunchSendsTheDeviceEvenToARunningWidgetAndOnlyToAnInst
     ASSERT_EQ(launches.size(), 1u);
     EXPECT_EQ(launches[0].operation, APP_CONTROL_OPERATION_DEFAULT);
     EXPECT_EQ(launches[0].extraData, (Extra{{"deviceID", "dev-2"}}));
-    EXPECT_EQ(tvhost::apps::Calls(),
+    EXPECT_EQ(tvhost::faults::CallLog(),
               (Lines{"was_get_app_info", "was_get_app_info", "was_get_app_status", "app_control_create",
                      "app_control_set_operation", "app_control_set_app_id", "app_control_add_extra_data",
                      "app_control_send_launch_request", "app_control_destroy"}));
@@ -207,10 +208,10 @@ TEST(LumoraWidgetHelper, LaunchSendsTheDeviceEvenToARunningWidgetAndOnlyToAnInst
         SCOPED_TRACE(fn);
         tvhost::Reset();
         tvhost::apps::SetRunning(kWidget, false);
-        tvhost::apps::QueueResult(fn, -1);
+        tvhost::faults::Queue(fn, -1);
         helper.LaunchWidget(kWidget, "dev-7");
         EXPECT_EQ(log.PriorityOf("=== Failed to launch a WebApp ====="), kError);
-        EXPECT_EQ(tvhost::apps::CallCount("app_control_destroy"), 1);
+        EXPECT_EQ(tvhost::faults::Calls("app_control_destroy"), 1);
         EXPECT_EQ(CLumoraWidgetHelperTestPeer::DeviceID(helper), "dev-7");
     }
 
@@ -219,7 +220,7 @@ TEST(LumoraWidgetHelper, LaunchSendsTheDeviceEvenToARunningWidgetAndOnlyToAnInst
     tvhost::apps::SetInstalled(kWidget, false);
     helper.LaunchWidget(kWidget, "dev-9");
     EXPECT_EQ(log.PriorityOf("=====The widget PzKmRvTqXa.Lumora has not been installed ====="), kError);
-    EXPECT_EQ(tvhost::apps::CallCount("app_control_create"), 0);
+    EXPECT_EQ(tvhost::faults::Calls("app_control_create"), 0);
     EXPECT_EQ(CLumoraWidgetHelperTestPeer::DeviceID(helper), "dev-7");
 }
 
@@ -234,8 +235,8 @@ TEST(LumoraWidgetChecker, OnlyAnIntegerChangeChecksAndTheHandlerHearsOnlyChanges
     EXPECT_TRUE(log.Records().empty());
     tvhost::settings::SetString(kAppChange, "7");
     ASSERT_TRUE(log.Has("The keyName is [memory/was/app_change]")) << "the change was delivered";
-    EXPECT_EQ(tvhost::apps::CallCount("was_get_app_info"), 0);
-    EXPECT_EQ(tvhost::settings::CallCount("vconf_get_int"), 0);
+    EXPECT_EQ(tvhost::faults::Calls("was_get_app_info"), 0);
+    EXPECT_EQ(tvhost::faults::Calls("vconf_get_int"), 0);
     EXPECT_FALSE(CLumoraWidgetCheckerTestPeer::Installed(checker));
 
     // A change before the handler is set updates the state silently; the
@@ -262,7 +263,7 @@ TEST(LumoraWidgetChecker, OnlyAnIntegerChangeChecksAndTheHandlerHearsOnlyChanges
 
     // The value of the key means nothing, and a failed read still checks.
     log.Clear();
-    tvhost::settings::QueueResult("vconf_get_int", -1);
+    tvhost::faults::Queue("vconf_get_int", -1);
     tvhost::apps::SetInstalled(kWidget, true);
     EXPECT_EQ(g_reports, (std::vector<bool>{false, true}));
     EXPECT_TRUE(log.Has("===== CLumoraWidgetChecker in loop function 2 ====="));
@@ -273,7 +274,7 @@ TEST(LumoraTvControl, PowerOffAsksForKindThreeAndReportsWhetherItWasAccepted)
 {
     LogCapture log;
     CLumoraTvControl control;
-    tvhost::power::QueueResult(5); // any refusal counts
+    tvhost::faults::Queue("device_power_request_poweroff", 5); // any refusal counts
     EXPECT_FALSE(control.PowerOff());
     EXPECT_TRUE(control.PowerOff());
     EXPECT_EQ(tvhost::power::Requests(), (std::vector<int>{3, 3}));

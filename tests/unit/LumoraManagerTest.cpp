@@ -5,6 +5,7 @@
 
 #include "ManagerFixture.h"
 #include "tvhost/apps.h"
+#include "tvhost/faults.h"
 #include "tvhost/mainloop.h"
 #include "tvhost/network.h"
 #include "tvhost/notifications.h"
@@ -144,7 +145,7 @@ TEST_F(ManagerTest, EachConnectionFailureEndsConstructWithMinusOneAndItsFatalLin
          {"3 connection_create() is successful. connection : 0x?\n", "7 connection_set_type_changed_cb() is failed\n"}},
     };
     for (const auto &c : cases) {
-        tvhost::network::QueueResult(c.fn, -1);
+        tvhost::faults::Queue(c.fn, -1);
         EXPECT_EQ(Peer::Get().Construct(), -1);
         EXPECT_EQ(Own(log), Concat({"3 LumoraManager::LumoraManager()"}, c.lines));
         Peer::TearDown();

@@ -6,6 +6,7 @@
 #include "LumoraNotification.h"
 #include "LumoraParameter.h"
 #include "tvhost/apps.h"
+#include "tvhost/faults.h"
 #include "tvhost/notifications.h"
 #include "tvhost/tvhost.h"
 
@@ -83,7 +84,7 @@ TEST_F(LumoraNotificationTest, EachKindIsPostedWithItsLayoutAndEveryPostedItemIs
         EXPECT_EQ(log.Messages(), (Texts{"InitNotificationDataManager Begin", "InitNotificationDataManager End"}));
         auto off = Device("d0", "Always", false);
         EXPECT_EQ(presenter.Add(5, &off), 0);
-        EXPECT_EQ(apps::CallCount("was_get_app_info"), 0) << "a hidden notification asks nothing";
+        EXPECT_EQ(tvhost::faults::Calls("was_get_app_info"), 0) << "a hidden notification asks nothing";
 
         // The widget not installed, not running, running; only shown ones take an id.
         const char *const kGo = "n=2 answer=0 [SID_CLOSE i_close_cancel.png] [TV_SID_GO_TO_LUMORA i_go.png] [- -]";

@@ -10,6 +10,7 @@
 #include "LumoraQorvHelper.h"
 #include "ManagerFixture.h"
 #include "tvhost/apps.h"
+#include "tvhost/faults.h"
 #include "tvhost/mainloop.h"
 #include "tvhost/network.h"
 #include "tvhost/notifications.h"
@@ -49,7 +50,7 @@ protected:
 TEST_F(PlatformFault, AFailedWatcherSubscriptionNeverStartsTheEngineAndAFailedLanguageReadSendsNothing)
 {
     // The watcher's subscription: an install is never heard of, so the engine never starts.
-    tvhost::settings::QueueResult("vconf_notify_key_changed", -1);
+    tvhost::faults::Queue("vconf_notify_key_changed", -1);
     ASSERT_EQ(Peer::Get().Construct(), 0);
     tvhost::apps::SetInstalled(kWidgetApp, true);
     tvhost::mainloop::RunFor(500ms);
@@ -59,7 +60,7 @@ TEST_F(PlatformFault, AFailedWatcherSubscriptionNeverStartsTheEngineAndAFailedLa
     // The language read fails: an empty text, which has no "." and sends
     // nothing; the next read works again.
     NextManager();
-    tvhost::settings::QueueResult("vconf_get_str", -1);
+    tvhost::faults::Queue("vconf_get_str", -1);
     StartWithWidget();
     ASSERT_TRUE(RunUntil([&] { return log.Has("The string has the wrong format!"); }));
     EXPECT_TRUE(log.Has("Current Language is "));

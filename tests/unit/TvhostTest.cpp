@@ -16,6 +16,7 @@
 
 #include "LogCapture.h"
 #include "tvhost/mainloop.h"
+#include "tvhost/faults.h"
 #include "tvhost/network.h"
 #include "tvhost/notifications.h"
 #include "tvhost/power.h"
@@ -92,7 +93,7 @@ TEST(TvhostMainLoop, AppcoreRunsCreateTheLoopAndTerminateUntilSigtermOrAPowerOff
     EXPECT_EQ(appcore_efl_main("test", nullptr, nullptr, &ops), 0);
     engine.join();
     EXPECT_EQ(g_calls, (std::vector<std::string>{"create", "terminate"}));
-    power::QueueResult(-1);
+    tvhost::faults::Queue("device_power_request_poweroff", -1);
     EXPECT_EQ(device_power_request_poweroff(3), -1);
     EXPECT_EQ(power::Requests(), (std::vector<int>{3, 3}));
 }

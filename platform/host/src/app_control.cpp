@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "apps_registry.h"
+#include "tvhost/faults.h"
 
 struct app_control_s {
     std::string operation;
@@ -19,9 +20,8 @@ using namespace tvhost::detail::apps;
 
 extern "C" int app_control_create(app_control_h *app_control)
 {
-    CountCall("app_control_create");
     int nFault;
-    if (TakeResult("app_control_create", nFault))
+    if (tvhost::faults::Take("app_control_create", nFault))
         return nFault;
     if (!app_control)
         return APP_CONTROL_ERROR_INVALID_PARAMETER;
@@ -31,9 +31,8 @@ extern "C" int app_control_create(app_control_h *app_control)
 
 extern "C" int app_control_destroy(app_control_h app_control)
 {
-    CountCall("app_control_destroy");
     int nFault;
-    if (TakeResult("app_control_destroy", nFault))
+    if (tvhost::faults::Take("app_control_destroy", nFault))
         return nFault;
     if (!app_control)
         return APP_CONTROL_ERROR_INVALID_PARAMETER;
@@ -43,9 +42,8 @@ extern "C" int app_control_destroy(app_control_h app_control)
 
 extern "C" int app_control_set_operation(app_control_h app_control, const char *operation)
 {
-    CountCall("app_control_set_operation");
     int nFault;
-    if (TakeResult("app_control_set_operation", nFault))
+    if (tvhost::faults::Take("app_control_set_operation", nFault))
         return nFault;
     if (!app_control)
         return APP_CONTROL_ERROR_INVALID_PARAMETER;
@@ -55,9 +53,8 @@ extern "C" int app_control_set_operation(app_control_h app_control, const char *
 
 extern "C" int app_control_set_app_id(app_control_h app_control, const char *app_id)
 {
-    CountCall("app_control_set_app_id");
     int nFault;
-    if (TakeResult("app_control_set_app_id", nFault))
+    if (tvhost::faults::Take("app_control_set_app_id", nFault))
         return nFault;
     if (!app_control)
         return APP_CONTROL_ERROR_INVALID_PARAMETER;
@@ -67,9 +64,8 @@ extern "C" int app_control_set_app_id(app_control_h app_control, const char *app
 
 extern "C" int app_control_add_extra_data(app_control_h app_control, const char *key, const char *value)
 {
-    CountCall("app_control_add_extra_data");
     int nFault;
-    if (TakeResult("app_control_add_extra_data", nFault))
+    if (tvhost::faults::Take("app_control_add_extra_data", nFault))
         return nFault;
     if (!app_control || !key || !*key || !value)
         return APP_CONTROL_ERROR_INVALID_PARAMETER;
@@ -89,19 +85,16 @@ extern "C" int app_control_send_launch_request(app_control_h app_control, app_co
 {
     (void)callback;
     (void)user_data;
-    CountCall("app_control_send_launch_request");
     int nFault;
-    if (TakeResult("app_control_send_launch_request", nFault))
+    if (tvhost::faults::Take("app_control_send_launch_request", nFault))
         return nFault;
     if (!app_control)
         return APP_CONTROL_ERROR_INVALID_PARAMETER;
     int result = APP_CONTROL_ERROR_NONE;
-    if (!TakeLaunchResult(result)) {
-        if (app_control->appId.empty())
-            result = APP_CONTROL_ERROR_INVALID_PARAMETER;
-        else if (!tvhost::apps::IsInstalled(app_control->appId))
-            result = APP_CONTROL_ERROR_APP_NOT_FOUND;
-    }
+    if (app_control->appId.empty())
+        result = APP_CONTROL_ERROR_INVALID_PARAMETER;
+    else if (!tvhost::apps::IsInstalled(app_control->appId))
+        result = APP_CONTROL_ERROR_APP_NOT_FOUND;
     if (result == APP_CONTROL_ERROR_NONE)
         tvhost::apps::SetRunning(app_control->appId, true);
     tvhost::apps::Launch launch;

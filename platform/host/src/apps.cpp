@@ -1,12 +1,10 @@
 // The host TV's applications: installed and running state as marker files
-// under the TV root, shared by every process; faults and records per process.
-#include <deque>
-#include <map>
+// under the TV root, shared by every process; launch records per process.
 #include <mutex>
 #include <utility>
 
 #include "apps_registry.h"
-#include "fault.h"
+#include "history.h"
 #include "host_files.h"
 #include "registry.h"
 #include "tvhost/settings.h"
@@ -19,45 +17,17 @@ namespace {
 // Bumped by the platform whenever an application is installed or removed.
 const char kAppChangeKey[] = "memory/was/app_change";
 
-struct StatusAnswer {
-    int result;
-    int status;
-};
-
 std::mutex g_mutex;
-std::vector<std::string> g_calls;
-std::map<std::string, int> g_callCounts;
-std::deque<int> g_appInfoResults;
-std::deque<StatusAnswer> g_appStatusResults;
-std::deque<int> g_launchResults;
 std::vector<tvhost::apps::Launch> g_launches;
-std::map<std::string, std::deque<int>> g_results;
 
 ResetHook g_reset([] {
     std::lock_guard<std::mutex> lock(g_mutex);
-    g_calls.clear();
-    g_callCounts.clear();
-    g_appInfoResults.clear();
-    g_appStatusResults.clear();
-    g_launchResults.clear();
     g_launches.clear();
-    g_results.clear();
 });
 
 std::string MarkerOf(const char *state, const std::string &appId)
 {
     return StateDir(std::string("apps/") + state) + "/" + EscapeName(appId);
-}
-
-template <typename T>
-bool Take(std::deque<T> &queue, T &out)
-{
-    std::lock_guard<std::mutex> lock(g_mutex);
-    if (queue.empty())
-        return false;
-    out = queue.front();
-    queue.pop_front();
-    return true;
 }
 
 void BumpAppChange()
@@ -68,45 +38,6 @@ void BumpAppChange()
 }
 
 } // namespace
-
-void CountCall(const char *function)
-{
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_calls.emplace_back(function);
-    TrimHistory(g_calls);
-    ++g_callCounts[function];
-}
-
-bool TakeAppInfoResult(int &result)
-{
-    return Take(g_appInfoResults, result);
-}
-
-bool TakeAppStatusResult(int &result, int &status)
-{
-    StatusAnswer answer{};
-    if (!Take(g_appStatusResults, answer))
-        return false;
-    result = answer.result;
-    status = answer.status;
-    return true;
-}
-
-bool TakeLaunchResult(int &result)
-{
-    return Take(g_launchResults, result);
-}
-
-bool TakeResult(const char *function, int &result)
-{
-    std::lock_guard<std::mutex> lock(g_mutex);
-    auto it = g_results.find(function);
-    if (it == g_results.end() || it->second.empty())
-        return false;
-    result = it->second.front();
-    it->second.pop_front();
-    return true;
-}
 
 void RecordLaunch(tvhost::apps::Launch launch)
 {
@@ -157,45 +88,6 @@ std::vector<Launch> Launches()
 {
     std::lock_guard<std::mutex> lock(g_mutex);
     return g_launches;
-}
-
-void QueueAppInfoResult(int result, int times)
-{
-    std::lock_guard<std::mutex> lock(g_mutex);
-    for (int i = 0; i < times; ++i)
-        g_appInfoResults.push_back(result);
-}
-
-void QueueAppStatusResult(int result, int status, int times)
-{
-    std::lock_guard<std::mutex> lock(g_mutex);
-    for (int i = 0; i < times; ++i)
-        g_appStatusResults.push_back({result, status});
-}
-
-void QueueLaunchResult(int result)
-{
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_launchResults.push_back(result);
-}
-
-void QueueResult(const std::string &function, int result)
-{
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_results[function].push_back(result);
-}
-
-int CallCount(const std::string &function)
-{
-    std::lock_guard<std::mutex> lock(g_mutex);
-    auto it = g_callCounts.find(function);
-    return it == g_callCounts.end() ? 0 : it->second;
-}
-
-std::vector<std::string> Calls()
-{
-    std::lock_guard<std::mutex> lock(g_mutex);
-    return g_calls;
 }
 
 } // namespace apps

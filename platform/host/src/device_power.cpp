@@ -3,7 +3,6 @@
 // a file under the TV root for the other processes of the host TV.
 #include <device/power.h>
 
-#include <deque>
 #include <fcntl.h>
 #include <fstream>
 #include <mutex>
@@ -13,33 +12,29 @@
 
 #include "host_files.h"
 #include "registry.h"
+#include "tvhost/faults.h"
 #include "tvhost/power.h"
 
 namespace {
 
 std::mutex g_mutex;
 std::vector<int> g_requests;
-std::deque<int> g_queued;
 
 tvhost::detail::ResetHook g_reset([] {
     std::lock_guard<std::mutex> lock(g_mutex);
     g_requests.clear();
-    g_queued.clear();
 });
 
 } // namespace
 
 extern "C" int device_power_request_poweroff(int type)
 {
-    int result = 0;
     {
         std::lock_guard<std::mutex> lock(g_mutex);
         g_requests.push_back(type);
-        if (!g_queued.empty()) {
-            result = g_queued.front();
-            g_queued.pop_front();
-        }
     }
+    int result = 0;
+    tvhost::faults::Take("device_power_request_poweroff", result);
     if (result == 0) {
         // One short append is one write: concurrent writers never mix lines.
         std::string line = std::to_string(type) + "\n";
@@ -55,12 +50,6 @@ extern "C" int device_power_request_poweroff(int type)
 
 namespace tvhost {
 namespace power {
-
-void QueueResult(int result)
-{
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_queued.push_back(result);
-}
 
 std::vector<int> Requests()
 {

@@ -4,7 +4,7 @@
 #include <map>
 #include <mutex>
 
-#include "fault.h"
+#include "history.h"
 #include "registry.h"
 #include "tvhost/parse.h"
 

@@ -20,7 +20,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "fault.h"
+#include "tvhost/faults.h"
 #include "host_files.h"
 #include "registry.h"
 #include "tvhost/network.h"
@@ -33,7 +33,6 @@ struct connection_handle_s {
 
 namespace {
 
-tvhost::detail::FaultTable g_faults;
 std::mutex g_mutex;
 std::vector<connection_handle_s *> g_handles;
 int g_nLastReported = -1;
@@ -178,7 +177,6 @@ tvhost::detail::LoopStopHook g_stop(StopWatching);
 
 // Handles a test never destroyed stay valid, but stop hearing changes.
 tvhost::detail::ResetHook g_reset([] {
-    g_faults.Reset();
     std::lock_guard<std::mutex> lock(g_mutex);
     g_nLastReported = -1;
     for (auto *h : g_handles) {
@@ -192,7 +190,7 @@ tvhost::detail::ResetHook g_reset([] {
 extern "C" int connection_create(connection_h *connection)
 {
     int nResult;
-    if (g_faults.Call("connection_create", nResult))
+    if (tvhost::faults::Take("connection_create", nResult))
         return nResult;
     if (!connection)
         return CONNECTION_ERROR_INVALID_PARAMETER;
@@ -206,7 +204,7 @@ extern "C" int connection_create(connection_h *connection)
 extern "C" int connection_destroy(connection_h connection)
 {
     int nResult;
-    if (g_faults.Call("connection_destroy", nResult))
+    if (tvhost::faults::Take("connection_destroy", nResult))
         return nResult;
     std::lock_guard<std::mutex> lock(g_mutex);
     // Only handles this service made are released; anything else is refused untouched.
@@ -221,7 +219,7 @@ extern "C" int connection_destroy(connection_h connection)
 extern "C" int connection_get_type(connection_h connection, connection_type_e *type)
 {
     int nResult;
-    if (g_faults.Call("connection_get_type", nResult))
+    if (tvhost::faults::Take("connection_get_type", nResult))
         return nResult;
     if (!connection || !type)
         return CONNECTION_ERROR_INVALID_PARAMETER;
@@ -233,7 +231,7 @@ extern "C" int connection_set_type_changed_cb(connection_h connection, connectio
                                               void *user_data)
 {
     int nResult;
-    if (g_faults.Call("connection_set_type_changed_cb", nResult))
+    if (tvhost::faults::Take("connection_set_type_changed_cb", nResult))
         return nResult;
     if (!connection || !callback)
         return CONNECTION_ERROR_INVALID_PARAMETER;
@@ -288,16 +286,6 @@ void ClearOverride()
 {
     std::remove(OverrideFile().c_str());
     tvhost::detail::RunOnMainLoop(Recheck);
-}
-
-void QueueResult(const std::string &function, int result)
-{
-    g_faults.Queue(function, result);
-}
-
-int CallCount(const std::string &function)
-{
-    return g_faults.Count(function);
 }
 
 int TypeFromName(const std::string &name)

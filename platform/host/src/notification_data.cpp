@@ -26,7 +26,7 @@
 #include <thread>
 #include <unistd.h>
 
-#include "fault.h"
+#include "history.h"
 #include "host_files.h"
 #include "registry.h"
 #include "tvhost/notifications.h"

@@ -14,9 +14,10 @@
 #include <mutex>
 #include <vector>
 
-#include "fault.h"
 #include "host_files.h"
 #include "registry.h"
+#include "tvhost/faults.h"
+#include "tvhost/parse.h"
 #include "tvhost/settings.h"
 #include "vconf_store.h"
 
@@ -47,19 +48,11 @@ struct Subscription {
 
 std::mutex g_mutex;
 std::vector<Subscription> g_subscriptions;
-FaultTable g_faults;
 
 ResetHook g_reset([] {
-    g_faults.Reset();
     std::lock_guard<std::mutex> lock(g_mutex);
     g_subscriptions.clear();
 });
-
-// Counts a call of a platform function; true with the queued result if one waits.
-bool CountCall(const char *function, int &result)
-{
-    return g_faults.Call(function, result);
-}
 
 std::string FileOf(const std::string &key)
 {
@@ -83,17 +76,13 @@ bool ReadValue(const std::string &key, Value &value)
         return true;
     }
     if (word == kIntWord) {
-        const char *begin = rest.c_str();
-        char *end = nullptr;
-        long n = std::strtol(begin, &end, 10);
-        if (end == begin)
-            return false;
-        while (*end == ' ' || *end == '\n' || *end == '\t' || *end == '\r')
-            ++end;
-        if (*end)
+        // A file edited by hand may end in a new line.
+        std::string_view number = rest;
+        while (!number.empty() && std::strchr(" \t\r\n", number.back()))
+            number.remove_suffix(1);
+        if (!tvhost::ParseInt(number, value.nValue))
             return false;
         value.type = VCONF_TYPE_INT;
-        value.nValue = static_cast<int>(n);
         return true;
     }
     return false;
@@ -249,16 +238,6 @@ std::string KeyPath(const std::string &key)
     return FileOf(key);
 }
 
-void QueueResult(const std::string &function, int result)
-{
-    g_faults.Queue(function, result);
-}
-
-int CallCount(const std::string &function)
-{
-    return g_faults.Count(function);
-}
-
 int Subscribers(const std::string &key)
 {
     std::lock_guard<std::mutex> lock(g_mutex);
@@ -276,7 +255,7 @@ using namespace tvhost::detail::settings;
 extern "C" int vconf_notify_key_changed(const char *in_key, vconf_callback_fn cb, void *user_data)
 {
     int result = VCONF_OK;
-    if (CountCall("vconf_notify_key_changed", result) && result != VCONF_OK)
+    if (tvhost::faults::Take("vconf_notify_key_changed", result) && result != VCONF_OK)
         return result;
     if (!in_key || !cb)
         return VCONF_ERROR;
@@ -294,7 +273,7 @@ extern "C" int vconf_notify_key_changed(const char *in_key, vconf_callback_fn cb
 extern "C" int vconf_get_int(const char *in_key, int *intval)
 {
     int result = VCONF_OK;
-    if (CountCall("vconf_get_int", result) && result != VCONF_OK)
+    if (tvhost::faults::Take("vconf_get_int", result) && result != VCONF_OK)
         return result;
     if (!in_key || !intval)
         return VCONF_ERROR;
@@ -304,7 +283,7 @@ extern "C" int vconf_get_int(const char *in_key, int *intval)
 extern "C" char *vconf_get_str(const char *in_key)
 {
     int result = VCONF_OK;
-    if (CountCall("vconf_get_str", result) && result != VCONF_OK)
+    if (tvhost::faults::Take("vconf_get_str", result) && result != VCONF_OK)
         return nullptr;
     std::string value;
     if (!in_key || !tvhost::settings::GetString(in_key, value))

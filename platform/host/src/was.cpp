@@ -4,17 +4,15 @@
 
 #include <cstring>
 
-#include "apps_registry.h"
+#include "tvhost/apps.h"
+#include "tvhost/faults.h"
 
 static_assert(sizeof(was_app_info_t) == 2288, "callers provide exactly this much room");
 
-using namespace tvhost::detail::apps;
-
 extern "C" int was_get_app_info(const char *app_id, was_app_info_t *info)
 {
-    CountCall("was_get_app_info");
     int result = WAS_ERROR_NONE;
-    if (TakeAppInfoResult(result))
+    if (tvhost::faults::Take("was_get_app_info", result))
         return result;
     if (!app_id || !info)
         return WAS_ERROR_INVALID_PARAMETER;
@@ -27,13 +25,11 @@ extern "C" int was_get_app_info(const char *app_id, was_app_info_t *info)
 
 extern "C" int was_get_app_status(const char *app_id, int *status)
 {
-    CountCall("was_get_app_status");
-    int result = WAS_ERROR_NONE;
-    int queuedStatus = 0;
-    if (TakeAppStatusResult(result, queuedStatus)) {
+    tvhost::faults::Answer answer;
+    if (tvhost::faults::Take("was_get_app_status", answer)) {
         if (status)
-            *status = queuedStatus;
-        return result;
+            *status = answer.value;
+        return answer.result;
     }
     if (!app_id || !status)
         return WAS_ERROR_INVALID_PARAMETER;

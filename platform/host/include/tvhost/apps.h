@@ -26,21 +26,5 @@ struct Launch {
 };
 std::vector<Launch> Launches();
 
-// The next `times` calls of was_get_app_info return result whatever is installed.
-void QueueAppInfoResult(int result, int times = 1);
-// The next `times` calls of was_get_app_status set *status to status and return result.
-void QueueAppStatusResult(int result, int status = 0, int times = 1);
-// The next launch request returns result; a non-zero result launches nothing.
-void QueueLaunchResult(int result);
-// The next call of an app_control_* function (e.g. "app_control_create")
-// returns result and does nothing else: a failing create leaves the handle
-// as it was.
-void QueueResult(const std::string &function, int result);
-
-// Calls of a was_* or app_control_* function since the last reset.
-int CallCount(const std::string &function);
-// Names of those calls, in the order they were made.
-std::vector<std::string> Calls();
-
 } // namespace apps
 } // namespace tvhost

@@ -17,7 +17,9 @@ struct Answer {
 };
 
 // The next `times` calls of function (e.g. "add_notification_data") answer
-// result and do nothing else. Queued answers are used up in order.
+// result and do nothing else. Queued answers are used up in order. A queued
+// non-zero answer makes vconf_get_str return NULL; a failing app_control_create
+// leaves the handle as it was.
 void Queue(const std::string &function, int result, int times = 1);
 void Queue(const std::string &function, Answer answer, int times = 1);
 

@@ -18,13 +18,6 @@ void SetType(int nType);
 // Back to following the machine's default route.
 void ClearOverride();
 
-// The next call of function ("connection_create", "connection_set_type_changed_cb",
-// "connection_destroy") returns result instead of doing its work.
-// A process started with TVHOST_FAULTS="function=result,..." begins with
-// those results queued (how an end-to-end test fails the service's calls).
-void QueueResult(const std::string &function, int result);
-int CallCount(const std::string &function);
-
 // Names used on the command line: "none", "wifi", "ethernet"; -1 if unknown.
 int TypeFromName(const std::string &name);
 const char *TypeName(int nType);

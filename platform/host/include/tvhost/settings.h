@@ -21,16 +21,6 @@ void Remove(const std::string &key);
 // The file that holds key.
 std::string KeyPath(const std::string &key);
 
-// The next call of function ("vconf_notify_key_changed", "vconf_get_int",
-// "vconf_get_str") returns result instead of doing its work; a non-zero
-// result makes vconf_get_str return NULL. Queued results are used in order.
-// A process started with TVHOST_FAULTS="function=result,..." begins with
-// those results queued (how an end-to-end test fails the service's calls).
-void QueueResult(const std::string &function, int result);
-
-// How many times the platform function was called since the last reset.
-int CallCount(const std::string &function);
-
 // How many callbacks are registered for key.
 int Subscribers(const std::string &key);
 
