@@ -267,3 +267,20 @@ TEST(CCommandResult, ACountIsReadLikeStrtolClampedToIntAndANegativeOneTakesNoVal
         EXPECT_EQ(log.Messages(), c.message ? Strings{c.message} : Strings{}) << c.text;
     }
 }
+
+// Called again on a filled record, without the clear that Parse does first.
+TEST(CDeviceNotification, ReparseDecidesTheFlagAnewAndKeepsTheIdWhenNoneIsGiven)
+{
+    CDeviceNotification n;
+    ASSERT_TRUE(n.Parse(kFullNotification, nullptr));
+    const std::string noFlag = "<n id=\"8\"><Device/><Notification/><Action/><DisplayOption/></n>";
+    EXPECT_TRUE(n.ParseDeviceNotification(noFlag.c_str(), static_cast<int>(noFlag.size())));
+    EXPECT_FALSE(n.m_Data.bDisplayFlag);
+    EXPECT_EQ(n.m_Data.strNotiID, "8");
+
+    const std::string noId = "<n type=\"t\"><Device id=\"x\"/></n>";
+    LogCapture log;
+    EXPECT_TRUE(n.ParseDeviceNotification(noId.c_str(), static_cast<int>(noId.size())));
+    EXPECT_EQ(log.Messages(), Strings{"pDeviceNotification id is empty"});
+    EXPECT_EQ(Fields(n.m_Data), "|||8|||0||0|0");
+}

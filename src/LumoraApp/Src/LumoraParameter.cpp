@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <utility>
 
 #include <libxml/parser.h>
 
@@ -172,10 +173,13 @@ bool CDeviceNotification::Ele_OnDeviceNotification(xmlNode *node)
 {
     m_Data.bWidgetLink = false;
 
-    if (!GetAttr(node, "id", m_Data.strNotiID)) {
+    // Read aside: a document without an id leaves the id held before.
+    std::string id;
+    if (!GetAttr(node, "id", id)) {
         LUMORA_LOG(EXT_LOG_DEBUG, "pDeviceNotification id is empty");
         return false;
     }
+    m_Data.strNotiID = std::move(id);
     m_Data.strNotiType = AttrOrEmpty(node, "type");
 
     xmlNode *device = xmlGetFirstChildNode(node, X("Device"));
@@ -210,10 +214,11 @@ bool CDeviceNotification::Ele_OnDeviceNotification(xmlNode *node)
         LUMORA_LOG(EXT_LOG_DEBUG, "can not find DisplayOption Element");
         return false;
     }
-    if (GetAttr(option, "flag", value)) {
+    // Decided anew on every parse: a missing flag means not displayed.
+    const bool bHasFlag = GetAttr(option, "flag", value);
+    if (bHasFlag)
         LUMORA_LOG(EXT_LOG_DEBUG, "flag=[%s]", value.c_str());
-        m_Data.bDisplayFlag = (value == "On");
-    }
+    m_Data.bDisplayFlag = bHasFlag && value == "On";
     if (GetAttr(option, "condition", m_Data.strDisplayCondition))
         LUMORA_LOG(EXT_LOG_DEBUG, "condition=[%s]", m_Data.strDisplayCondition.c_str());
 
