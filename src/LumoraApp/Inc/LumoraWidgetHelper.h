@@ -14,7 +14,8 @@ public:
     bool IsWidgetLaunched(std::string strAppID);
     void LaunchWidget(std::string strAppID, std::string strDeviceID);
 
-    // Shaped like the web-application service's event callback.
+    // Shaped like the web-application service's event callback. Deliberate:
+    // nothing hands it to the platform.
     static void m_OnLaunchWidgetCallBack(void *pUserData, int nResult, const char *pAppID, was_event_type_e eEventType);
 
 private:

