@@ -22,7 +22,7 @@ define preset_test
 	ctest --test-dir $(2) --output-on-failure $(4)
 endef
 
-.PHONY: deps build test test-host test-asan test-tsan test-fuzz fuzz-long demo check clean
+.PHONY: deps build test test-host test-asan test-tsan test-fuzz fuzz-long check32 demo check clean
 
 deps:
 	@scripts/install-deps
@@ -57,9 +57,14 @@ endif
 # Every suite on the normal build and under ASan+UBSan, then the fuzz smoke runs.
 test: test-host test-asan test-fuzz
 
-# What `make test` does, then every suite under ThreadSanitizer and a long
-# run of each fuzz target (FUZZ_SECONDS each).
-check: test test-tsan fuzz-long
+# Every host suite built and run in a Debian 12 i386 root (the TV's word
+# size), made once under build/check32. Needs root or user namespaces.
+check32:
+	@JOBS=$(JOBS) scripts/check32
+
+# What `make test` does, then every suite under ThreadSanitizer, a long run
+# of each fuzz target (FUZZ_SECONDS each) and the 32-bit run.
+check: test test-tsan fuzz-long check32
 
 # Only what the tour runs: the service, lumora-tv, the engine and the TV root.
 DEMO_TARGETS := lumora lumora-tv qorv_helper tvroot_files lumora_translations

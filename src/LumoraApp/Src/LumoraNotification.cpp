@@ -3,12 +3,29 @@
 #include <libintl.h>
 #include <notification_data.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 #include "ExtLog.h"
 #include "LumoraParameter.h"
 #include "LumoraWidgetHelper.h"
 #include "TvPaths.h"
+
+// On the TV's 32-bit user space the record is the platform's 22-word, 88-byte
+// layout: a header that drifts from it would post garbage to the viewer.
+#if UINTPTR_MAX == 0xFFFFFFFFu
+static_assert(sizeof(notification_data_t) == 88, "the notification record is 22 words");
+static_assert(offsetof(notification_data_t, version) == 0 && offsetof(notification_data_t, popup) == 4 &&
+                  offsetof(notification_data_t, style) == 8 && offsetof(notification_data_t, app_id) == 12 &&
+                  offsetof(notification_data_t, item_id) == 16 && offsetof(notification_data_t, reserved1) == 20 &&
+                  offsetof(notification_data_t, title) == 32 && offsetof(notification_data_t, body) == 36 &&
+                  offsetof(notification_data_t, sub_text) == 40 && offsetof(notification_data_t, reserved2) == 44 &&
+                  offsetof(notification_data_t, button_count) == 56 &&
+                  offsetof(notification_data_t, need_answer) == 60 &&
+                  offsetof(notification_data_t, button_label) == 64 && offsetof(notification_data_t, button_icon) == 76,
+              "the notification record's fields are at the platform's offsets");
+#endif
 
 namespace {
 
