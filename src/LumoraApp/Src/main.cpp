@@ -22,7 +22,7 @@ static const char *const LANGUAGE_KEY = "db/menu_widget/language";
 // Touched by the watchdog thread only.
 static std::atomic<bool> g_bNotifyReady{true};
 
-void notify_watchdog(void *pData)
+static void notify_watchdog(void *pData)
 {
     (void)pData;
     if (g_bNotifyReady.load(std::memory_order_relaxed)) {
@@ -46,7 +46,7 @@ static void SetUpTranslation()
     textdomain(LUMORA_TEXT_DOMAIN);
 }
 
-void app_lang_change(keynode_t *pKey, void *pData)
+static void app_lang_change(keynode_t *pKey, void *pData)
 {
     (void)pKey;
     (void)pData;
@@ -54,7 +54,7 @@ void app_lang_change(keynode_t *pKey, void *pData)
     SetUpTranslation();
 }
 
-int _app_create(void *pData)
+static int _app_create(void *pData)
 {
     (void)pData;
     LUMORA_LOG(EXT_LOG_DEBUG, "Enter _app_create");
@@ -67,7 +67,7 @@ int _app_create(void *pData)
     return -1;
 }
 
-int _app_terminate(void *pData)
+static int _app_terminate(void *pData)
 {
     (void)pData;
     // Nothing is torn down: the manager and the engine end with the process.
@@ -75,21 +75,21 @@ int _app_terminate(void *pData)
     return 0;
 }
 
-int _app_pause(void *pData)
+static int _app_pause(void *pData)
 {
     (void)pData;
     LUMORA_LOG(EXT_LOG_DEBUG, "_app_pause");
     return 0;
 }
 
-int _app_resume(void *pData)
+static int _app_resume(void *pData)
 {
     (void)pData;
     LUMORA_LOG(EXT_LOG_DEBUG, "_app_resume");
     return 0;
 }
 
-int _app_reset(bundle *pBundle, void *pData)
+static int _app_reset(bundle *pBundle, void *pData)
 {
     (void)pBundle;
     (void)pData;
