@@ -22,13 +22,13 @@ thread_local Owner t_eOwner = kNobody;
 thread_local long long t_nPlatformNs = 0;
 std::atomic<bool> g_bAnswerAtOnce{false};
 
-} // namespace
-
 // Used by the wrappers below, outside this namespace.
 bool AnsweringAtOnce()
 {
     return g_bAnswerAtOnce.load(std::memory_order_relaxed);
 }
+
+} // namespace
 
 struct OwnerScope {
     Owner ePrevious;
@@ -202,6 +202,12 @@ int __real_add_notification_data(const notification_data_t *data);
 int __real_was_get_app_info(const char *app_id, was_app_info_t *info);
 int __real_was_get_app_status(const char *app_id, int *status);
 int __real___dlog_vprint(log_id_t log_id, int prio, const char *tag, const char *fmt, va_list ap);
+
+// What the linker calls instead of the platform's functions.
+int __wrap_add_notification_data(const notification_data_t *data);
+int __wrap_was_get_app_info(const char *app_id, was_app_info_t *info);
+int __wrap_was_get_app_status(const char *app_id, int *status);
+int __wrap___dlog_vprint(log_id_t log_id, int prio, const char *tag, const char *fmt, va_list ap);
 
 int __wrap_add_notification_data(const notification_data_t *data)
 {

@@ -1,11 +1,13 @@
 # lumora::platform: everything the service links against to reach the TV
-# platform. On the host that is tvhost (built here); on the TV the SDK's
-# libraries, found in the sysroot given by CMAKE_SYSROOT / CMAKE_FIND_ROOT_PATH.
+# platform. On the host that is tvhost (platform/host, added before this file
+# is included); on the TV the SDK's libraries, found in the sysroot given by
+# CMAKE_SYSROOT / CMAKE_FIND_ROOT_PATH.
 add_library(lumora_platform INTERFACE)
 add_library(lumora::platform ALIAS lumora_platform)
 
 if(LUMORA_PLATFORM STREQUAL "host")
-  add_subdirectory(${PROJECT_SOURCE_DIR}/platform/host ${PROJECT_BINARY_DIR}/platform/host)
+  # Only the platform's own interfaces: tvhost's test-control API is not part
+  # of what the service may include (tvhost::control is for tests and tools).
   target_link_libraries(lumora_platform INTERFACE tvhost)
 else()
   set(_lumora_tv_libs dlog vconf appcore-efl capi-network-connection capi-appfw-app-control

@@ -1,5 +1,6 @@
-/* Entry points of the simulated engine beyond the engine interface itself:
- * what tests and tools use to look inside it and to make it raise events.
+/* Entry points of the simulated engine beyond the engine interface itself
+ * (declared by the service, QorvEngine.h): what tests and tools use to look
+ * inside it and to make it raise events.
  *
  * The engine reads, at every qorv_start, these environment variables:
  *   QORV_SIM_MODE    the mode file (home and scenario) instead of the data

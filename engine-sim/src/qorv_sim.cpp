@@ -1,6 +1,10 @@
 // The simulated appliance engine: the engine's five entry points and the
-// simulator's own test entry points, exported as plain C functions.
+// simulator's own test entry points, exported as plain C functions. The five
+// are defined against the service's own declarations (QorvEngine.h), so that
+// the engine the tests load is the engine the binding was written for.
 #include "qorv_sim.h"
+
+#include "QorvEngine.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -95,7 +99,7 @@ QORV_EXPORT int qorv_stop()
 #endif
 
 #ifndef QORV_SIM_NO_REGISTER
-QORV_EXPORT int qorv_register_callback(qorvsim::EventCallback pfnCallback)
+QORV_EXPORT int qorv_register_callback(QorvEventCallback pfnCallback)
 {
     g_engine.Count("qorv_register_callback");
 #ifdef QORV_SIM_REGISTER_FAILS

@@ -62,17 +62,17 @@ void RunQueued(void *pData)
     std::unique_ptr<std::function<void()>> fn(static_cast<std::function<void()> *>(pData));
     (*fn)();
 }
-} // namespace
-
-bool MainLoopActive()
-{
-    return g_bLoopActive.load();
-}
 
 std::vector<std::function<void()>> &StopHooks()
 {
     static std::vector<std::function<void()>> hooks;
     return hooks;
+}
+} // namespace
+
+bool MainLoopActive()
+{
+    return g_bLoopActive.load();
 }
 
 LoopStopHook::LoopStopHook(std::function<void()> fn)

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <string>
 
+#include "QorvEngine.h"
 #include "lock.h"
 
 // Where the engine library is loaded from; read once, when a binding is built.
@@ -16,14 +17,13 @@ public:
     virtual int OnQorvEvent(int nEvent, std::string strParam1, std::string strParam2) = 0;
 };
 
-// The engine's entry points. Every int result is non-zero for success.
-typedef int (*QorvEventCallback)(int nEvent, const char *pParam1, const char *pParam2);
-typedef int (*PFN_QORV_START)();
-typedef int (*PFN_QORV_STOP)();
-typedef int (*PFN_QORV_REGISTER_CALLBACK)(QorvEventCallback pfnCallback);
-typedef const char *(*PFN_QORV_EXCUTE)(const char *pCommand, const char *pParam1, const char *pParam2,
-                                       const char *pParam3, const char *pParam4);
-typedef int (*PFN_QORV_REFRESH)();
+// The engine's entry points, resolved with dlsym: their types are those of the
+// engine's declarations, so that the binding cannot call one with another signature.
+typedef decltype(&qorv_start) PFN_QORV_START;
+typedef decltype(&qorv_stop) PFN_QORV_STOP;
+typedef decltype(&qorv_register_callback) PFN_QORV_REGISTER_CALLBACK;
+typedef decltype(&qorv_excute) PFN_QORV_EXCUTE;
+typedef decltype(&qorv_refresh) PFN_QORV_REFRESH;
 
 class CLumoraQorvHelper {
 public:

@@ -22,7 +22,7 @@ static const char *const LANGUAGE_KEY = "db/menu_widget/language";
 // Touched by the watchdog thread only.
 static std::atomic<bool> g_bNotifyReady{true};
 
-void notify_watchdog(void *pData)
+static void notify_watchdog(void *pData)
 {
     (void)pData;
     // Deliberate: a second readiness message, after the timer thread's own
@@ -49,7 +49,7 @@ static void SetUpTranslation()
     textdomain(LUMORA_TEXT_DOMAIN);
 }
 
-void app_lang_change(keynode_t *pKey, void *pData)
+static void app_lang_change(keynode_t *pKey, void *pData)
 {
     (void)pKey;
     (void)pData;
@@ -57,7 +57,7 @@ void app_lang_change(keynode_t *pKey, void *pData)
     SetUpTranslation();
 }
 
-int _app_create(void *pData)
+static int _app_create(void *pData)
 {
     (void)pData;
     LUMORA_LOG(EXT_LOG_DEBUG, "Enter _app_create");
@@ -70,7 +70,7 @@ int _app_create(void *pData)
     return -1;
 }
 
-int _app_terminate(void *pData)
+static int _app_terminate(void *pData)
 {
     (void)pData;
     // Deliberate: nothing is torn down (Destory and ReleaseInstance are not
@@ -80,21 +80,21 @@ int _app_terminate(void *pData)
     return 0;
 }
 
-int _app_pause(void *pData)
+static int _app_pause(void *pData)
 {
     (void)pData;
     LUMORA_LOG(EXT_LOG_DEBUG, "_app_pause");
     return 0;
 }
 
-int _app_resume(void *pData)
+static int _app_resume(void *pData)
 {
     (void)pData;
     LUMORA_LOG(EXT_LOG_DEBUG, "_app_resume");
     return 0;
 }
 
-int _app_reset(bundle *pBundle, void *pData)
+static int _app_reset(bundle *pBundle, void *pData)
 {
     (void)pBundle;
     (void)pData;
