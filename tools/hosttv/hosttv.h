@@ -28,15 +28,15 @@ private:
     Kind m_kind;
 };
 
-// Reads a whole decimal number given for what (e.g. "ITEM"); a bad request otherwise.
-int ReadNumber(const std::string &text, const std::string &what);
-
-// ---- the service: run, reset, status, power ---------------------------------
-
 extern const char kWidgetApp[];     // the companion widget
 extern const char kLanguageKey[];   // the TV's display language
 extern const char kAppChangeKey[];  // bumped whenever an application is installed or removed
 extern const char kFreshLanguage[]; // the language of a fresh host TV
+
+// Reads a whole decimal number given for what (e.g. "ITEM"); a bad request otherwise.
+int ReadNumber(const std::string &text, const std::string &what);
+
+// ---- the service: run, reset, status, power ---------------------------------
 
 // The running service's process id; 0 when none runs.
 int ServicePid();
