@@ -1,0 +1,143 @@
+// hosttv: the operations on the host TV of this build tree, for every front end
+// (the lumora-tv command line, a web page). Each one reads or changes the TV
+// root's shared state, or asks the running service through its control socket,
+// and returns what it found. Nothing here prints; a failure is an Error whose
+// text is meant for the person who asked.
+#pragma once
+
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tvhost/apps.h"
+#include "tvhost/notifications.h"
+
+namespace hosttv {
+
+class Error : public std::runtime_error {
+public:
+    enum class Kind {
+        kBadRequest, // what was asked for does not exist or is malformed (an unknown key, scenario, number)
+        kCannot,     // a sound request the host TV cannot do now (no service, engine not started, ...)
+    };
+    Error(Kind kind, const std::string &text) : std::runtime_error(text), m_kind(kind) {}
+    Kind kind() const { return m_kind; }
+
+private:
+    Kind m_kind;
+};
+
+extern const char kWidgetApp[];     // the companion widget
+extern const char kLanguageKey[];   // the TV's display language
+extern const char kAppChangeKey[];  // bumped whenever an application is installed or removed
+extern const char kFreshLanguage[]; // the language of a fresh host TV
+
+// Reads a whole decimal number given for what (e.g. "ITEM"); a bad request otherwise.
+int ReadNumber(const std::string &text, const std::string &what);
+
+// ---- the service: run, reset, status, power ---------------------------------
+
+// The running service's process id; 0 when none runs.
+int ServicePid();
+
+// Whether the engine inside the running service takes events.
+bool EngineAnswers();
+
+// The scenarios shipped with the engine (names without .xml), sorted.
+std::vector<std::string> Scenarios();
+
+struct RunPlan {
+    std::string binary;   // the service to start
+    std::string modeFile; // the scenario copied for the engine; empty without one
+};
+// Gets the TV root ready for a run: refuses while a service runs or when the
+// service is not built, puts scenario (when not empty) in place as the
+// engine's mode.xml, and forgets earlier power-offs.
+RunPlan PrepareRun(const std::string &scenario);
+// Replaces this process with the service; returns only by throwing.
+[[noreturn]] void ExecService(const RunPlan &plan);
+
+// The fresh host TV: widget installed and closed, language kFreshLanguage,
+// Ethernet, no data folder, TV on. Refused while the service runs.
+void Reset();
+
+struct Power {
+    bool bOff = false;
+    int kind = 0; // the argument of the last power-off request when bOff
+};
+// Whether the TV was switched off since the last run or reset.
+Power PowerState();
+
+struct WidgetState {
+    bool bInstalled = false;
+    bool bRunning = false;
+};
+
+struct Status {
+    int servicePid = 0;
+    std::optional<size_t> popupsOnScreen; // when the running service told
+    bool bEngineStarted = false;
+    WidgetState widget;
+    std::string network;
+    std::optional<std::string> language;
+    Power power;
+    std::string root;
+};
+Status ReadStatus();
+
+// ---- settings ---------------------------------------------------------------
+
+struct SettingKey {
+    const char *name;
+    bool bNumber;
+    const char *what; // its type and meaning, for a person
+};
+const std::vector<SettingKey> &SettingKeys();
+// The known key called name; a bad request naming every known key otherwise.
+const SettingKey &FindSettingKey(const std::string &name);
+// The key's value as text; nothing when it is not set.
+std::optional<std::string> GetSetting(const SettingKey &key);
+// Writes the key (a number key takes a whole decimal number) and tells the
+// running service.
+void SetSetting(const SettingKey &key, const std::string &value);
+
+// ---- the widget and the network ---------------------------------------------
+
+WidgetState Widget();
+struct WidgetChange {
+    bool bChanged = false;
+    WidgetState state;
+    int appChange = 0; // memory/was/app_change afterwards
+};
+// Installing or removing the widget bumps memory/was/app_change, as the TV does.
+WidgetChange InstallWidget(bool bInstall);
+// Launching needs the widget installed.
+WidgetState LaunchWidget();
+WidgetState CloseWidget();
+
+// The network type the TV reports: "wifi", "ethernet" or "none".
+std::string Network();
+// name: "wifi", "ethernet", "none", or "auto" to follow this machine's default
+// route again. Returns the type the TV reports afterwards.
+std::string SetNetwork(const std::string &name);
+
+// ---- pop-ups and the engine -------------------------------------------------
+
+// The pop-ups on screen in the running service, in item order.
+std::vector<tvhost::notifications::Record> Popups();
+// One of them; refused, naming those on screen, when it is not there.
+tvhost::notifications::Record Popup(int item);
+
+struct Press {
+    std::optional<std::string> label;           // of the pressed button, when it was on screen
+    std::vector<tvhost::apps::Launch> launches; // what the service's callback launched
+};
+// Presses button (0 = leftmost) of pop-up item and waits for the service's callback.
+Press PressButton(int item, int button);
+void TimeOut(int item);
+
+// Raises engine event number with param as its first parameter; the service's answer.
+int RaiseEvent(int number, const std::string &param);
+
+} // namespace hosttv

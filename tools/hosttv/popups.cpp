@@ -1,0 +1,79 @@
+// What the running service shows and hears: its pop-ups, the viewer's presses
+// and timeouts, and events of its engine.
+#include "hosttv/hosttv.h"
+#include "qorv_sim_client.h"
+
+namespace noti = tvhost::notifications;
+
+namespace hosttv {
+
+namespace {
+
+const char kNotRunning[] = "the service is not running on this host TV; start it with: lumora-tv run";
+
+[[noreturn]] void FailRemote(const noti::remote::Error &error)
+{
+    throw Error(Error::Kind::kCannot, error.bNoService ? kNotRunning : error.text);
+}
+
+} // namespace
+
+std::vector<noti::Record> Popups()
+{
+    std::vector<noti::Record> records;
+    noti::remote::Error error;
+    if (!noti::remote::Shown(records, error))
+        FailRemote(error);
+    return records;
+}
+
+noti::Record Popup(int item)
+{
+    std::vector<noti::Record> records = Popups();
+    std::string items;
+    for (const auto &r : records) {
+        if (r.itemId == item)
+            return r;
+        items += (items.empty() ? "#" : ", #") + std::to_string(r.itemId);
+    }
+    throw Error(Error::Kind::kCannot, "no pop-up #" + std::to_string(item) + " on screen (" +
+                                          (items.empty() ? "nothing is on screen" : "on screen: " + items) + ")");
+}
+
+Press PressButton(int item, int button)
+{
+    Press press;
+    // The label, for a readable answer; the press itself checks what is shown.
+    for (const auto &r : Popups())
+        if (r.itemId == item && button >= 0 && button < r.buttonCount && button < 3)
+            press.label = r.buttonLabel[button].value_or("");
+    noti::remote::Error error;
+    if (!noti::remote::PressButton(item, button, press.launches, error))
+        FailRemote(error);
+    return press;
+}
+
+void TimeOut(int item)
+{
+    noti::remote::Error error;
+    if (!noti::remote::TimeOut(item, error))
+        FailRemote(error);
+}
+
+int RaiseEvent(int number, const std::string &param)
+{
+    int answer = 0;
+    std::string reason;
+    if (!qorvsim::InjectEvent(qorvsim::DefaultSocketPath(), number, param, "", answer, reason)) {
+        int pid = ServicePid();
+        if (!pid)
+            throw Error(Error::Kind::kCannot, kNotRunning);
+        throw Error(Error::Kind::kCannot, "the engine of the service (pid " + std::to_string(pid) +
+                                              ") is not started (" + reason +
+                                              "); the service starts it 3 s after it finds the widget: lumora-tv "
+                                              "widget install");
+    }
+    return answer;
+}
+
+} // namespace hosttv

@@ -1,0 +1,59 @@
+// The companion widget and the network, as the TV reports them.
+#include "hosttv/hosttv.h"
+#include "tvhost/network.h"
+#include "tvhost/settings.h"
+
+namespace hosttv {
+
+WidgetState Widget()
+{
+    WidgetState state;
+    state.bInstalled = tvhost::apps::IsInstalled(kWidgetApp);
+    state.bRunning = state.bInstalled && tvhost::apps::IsRunning(kWidgetApp);
+    return state;
+}
+
+WidgetChange InstallWidget(bool bInstall)
+{
+    WidgetChange change;
+    change.bChanged = Widget().bInstalled != bInstall;
+    if (change.bChanged)
+        tvhost::apps::SetInstalled(kWidgetApp, bInstall);
+    tvhost::settings::GetInt(kAppChangeKey, change.appChange);
+    change.state = Widget();
+    return change;
+}
+
+WidgetState LaunchWidget()
+{
+    if (!Widget().bInstalled)
+        throw Error(Error::Kind::kCannot,
+                    "the widget is not installed, so it cannot run; install it first: lumora-tv widget install");
+    tvhost::apps::SetRunning(kWidgetApp, true);
+    return Widget();
+}
+
+WidgetState CloseWidget()
+{
+    tvhost::apps::SetRunning(kWidgetApp, false);
+    return Widget();
+}
+
+std::string Network()
+{
+    return tvhost::network::TypeName(tvhost::network::CurrentType());
+}
+
+std::string SetNetwork(const std::string &name)
+{
+    if (name == "auto")
+        tvhost::network::ClearOverride();
+    else if (name == "wifi" || name == "ethernet" || name == "none")
+        tvhost::network::SetType(tvhost::network::TypeFromName(name));
+    else
+        throw Error(Error::Kind::kBadRequest,
+                    "unknown network type \"" + name + "\"; use wifi, ethernet, none or auto");
+    return Network();
+}
+
+} // namespace hosttv

@@ -1,0 +1,88 @@
+// notifications, press, timeout.
+#include <cstdio>
+
+#include "commands.h"
+
+namespace lumoratv {
+
+namespace {
+
+// Tabs and line breaks would break the one-line form.
+std::string OneLine(const std::optional<std::string> &text)
+{
+    std::string out = text.value_or("");
+    for (char &c : out)
+        if (c == '\t' || c == '\n' || c == '\r')
+            c = ' ';
+    return out;
+}
+
+std::string ExtraData(const tvhost::apps::Launch &launch)
+{
+    std::vector<std::string> pairs;
+    for (const auto &kv : launch.extraData)
+        pairs.push_back(kv.first + "=" + kv.second);
+    return pairs.empty() ? "no extra data" : Join(pairs, " ");
+}
+
+} // namespace
+
+void Notifications(const Args &args)
+{
+    bool bBrief = false;
+    std::optional<int> item;
+    for (const auto &a : args) {
+        if (a == "--brief")
+            bBrief = true;
+        else if (!item && !a.empty() && a[0] != '-')
+            item = hosttv::ReadNumber(a, "ITEM");
+        else
+            throw BadArguments{};
+    }
+    std::vector<tvhost::notifications::Record> records;
+    if (item)
+        records.push_back(hosttv::Popup(*item));
+    else
+        records = hosttv::Popups();
+    if (records.empty() && !bBrief)
+        std::printf("nothing is on screen\n");
+    for (const auto &r : records) {
+        if (bBrief) {
+            std::string line = std::to_string(r.itemId) + "\t" + OneLine(r.title);
+            for (int i = 0; i < r.buttonCount && i < 3; ++i)
+                line += "\t" + OneLine(r.buttonLabel[i]);
+            std::printf("%s\n", line.c_str());
+        } else {
+            std::printf("%s", tvhost::notifications::Render(r).c_str());
+        }
+    }
+}
+
+void Press(const Args &args)
+{
+    const int item = hosttv::ReadNumber(args[0], "ITEM");
+    const int button = hosttv::ReadNumber(args[1], "BUTTON");
+    const hosttv::Press press = hosttv::PressButton(item, button);
+    std::string which = "button " + std::to_string(button);
+    if (press.label)
+        which = "[ " + *press.label + " ] (" + which + ")";
+    std::printf("pressed %s of pop-up #%d\n", which.c_str(), item);
+    if (press.launches.empty())
+        std::printf("the service launched nothing\n");
+    for (const auto &l : press.launches) {
+        if (l.result == 0)
+            std::printf("the service launched %s with %s\n", l.appId.c_str(), ExtraData(l).c_str());
+        else
+            std::printf("the service's launch request for %s with %s failed (result %d)\n", l.appId.c_str(),
+                        ExtraData(l).c_str(), l.result);
+    }
+}
+
+void Timeout(const Args &args)
+{
+    const int item = hosttv::ReadNumber(args[0], "ITEM");
+    hosttv::TimeOut(item);
+    std::printf("pop-up #%d timed out\n", item);
+}
+
+} // namespace lumoratv
