@@ -22,6 +22,7 @@
 
 #include "qorv_sim_client.h"
 #include "tvhost/apps.h"
+#include "tvhost/local_socket.h"
 #include "tvhost/network.h"
 #include "tvhost/notifications.h"
 #include "tvhost/power.h"
@@ -190,18 +191,7 @@ std::vector<std::string> Scenarios()
 
 bool EngineAnswers()
 {
-    const std::string path = qorvsim::DefaultSocketPath();
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    if (path.size() >= sizeof addr.sun_path)
-        return false;
-    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return false;
-    bool bLive = connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
-    close(fd);
-    return bLive;
+    return tvhost::localsocket::SomeoneListens(qorvsim::DefaultSocketPath());
 }
 
 std::string WidgetState()
@@ -410,14 +400,6 @@ std::string OneLine(const std::optional<std::string> &text)
     return out;
 }
 
-std::string OnScreenList(const std::vector<noti::Record> &records)
-{
-    std::vector<std::string> items;
-    for (const auto &r : records)
-        items.push_back("#" + std::to_string(r.itemId));
-    return items.empty() ? "nothing is on screen" : "on screen: " + Join(items, ", ");
-}
-
 int Notifications(const std::vector<std::string> &args)
 {
     bool bBrief = false;
@@ -439,7 +421,7 @@ int Notifications(const std::vector<std::string> &args)
             if (r.itemId == item)
                 records.push_back(r);
         if (records.empty())
-            throw Failure("no pop-up #" + std::to_string(item) + " on screen (" + OnScreenList(all) + ")");
+            throw Failure("no pop-up #" + std::to_string(item) + " on screen (" + noti::OnScreenText(all) + ")");
     }
     if (records.empty() && !bBrief)
         std::printf("nothing is on screen\n");
