@@ -163,6 +163,19 @@ Record CopyRecord(const notification_data_t &d)
     return r;
 }
 
+// Keeps a callback of the initialised service.
+template <typename Callback>
+int Register(Callback Service::*pSlot, void *Service::*pDataSlot, Callback callback, void *pData)
+{
+    Service &s = S();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (!s.bInitialised)
+        return -1;
+    s.*pSlot = callback;
+    s.*pDataSlot = pData;
+    return 0;
+}
+
 // ---- where the pop-ups are drawn -------------------------------------------
 
 std::mutex g_drawMutex;
@@ -337,6 +350,7 @@ tvhost::detail::ResetHook g_reset([] {
 
 using tvhost::faults::Take;
 using tvhost::notifications::S;
+using tvhost::notifications::Service;
 
 extern "C" int init_notification_data_manager(const char *app_id, int flags)
 {
@@ -362,13 +376,7 @@ extern "C" int register_notification_button_callback(notification_button_cb call
     int nFault;
     if (Take(__func__, nFault))
         return nFault;
-    auto &s = S();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (!s.bInitialised)
-        return -1;
-    s.pButtonCb = callback;
-    s.pButtonData = user_data;
-    return 0;
+    return tvhost::notifications::Register(&Service::pButtonCb, &Service::pButtonData, callback, user_data);
 }
 
 extern "C" int register_notification_timeout_callback(notification_timeout_cb callback, void *user_data)
@@ -376,13 +384,7 @@ extern "C" int register_notification_timeout_callback(notification_timeout_cb ca
     int nFault;
     if (Take(__func__, nFault))
         return nFault;
-    auto &s = S();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (!s.bInitialised)
-        return -1;
-    s.pTimeoutCb = callback;
-    s.pTimeoutData = user_data;
-    return 0;
+    return tvhost::notifications::Register(&Service::pTimeoutCb, &Service::pTimeoutData, callback, user_data);
 }
 
 extern "C" int add_notification_data(const notification_data_t *data)
