@@ -1,7 +1,7 @@
 // The simulated engine: one thread of its own that loads the mode file, plays
-// its scenario, serves the injection socket and answers refresh requests and
-// in-process events, delivering every event to the registered callback in
-// order, never on a caller's thread.
+// its scenario and answers refresh requests, in-process events and the events
+// its injection socket's threads hand it, delivering every event to the
+// registered callback in order, never on a caller's thread.
 #pragma once
 
 #include <condition_variable>

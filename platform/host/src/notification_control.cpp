@@ -159,6 +159,9 @@ void Warn(const std::string &text)
 
 struct Control {
     std::mutex mutex; // serialises start and stop
+    // One press or timeout at a time: what the service launched while one was
+    // delivered is that press's answer.
+    std::mutex deliveryMutex;
     localsocket::Server server;
     std::atomic<bool> bStop{false}; // requests waiting for their delivery give up
 };
@@ -209,6 +212,7 @@ std::string Answer(const std::string &request)
         return "ERROR unknown request \"" + Escape(request) +
                "\"; expected PING, LIST, PRESS <item> <button> or TIMEOUT <item>\n";
 
+    std::lock_guard<std::mutex> oneAtATime(C().deliveryMutex);
     const size_t nLaunchesBefore = tvhost::apps::Launches().size();
     Ticket ticket;
     std::string why;
@@ -219,8 +223,8 @@ std::string Answer(const std::string &request)
                " was delivered\n";
     if (!bPress)
         return "OK\n";
-    // The button callbacks are the only launchers in the service, and they run
-    // one at a time on the delivery thread: what is new came from this press.
+    // The button callbacks are the only launchers in the service: what is new
+    // came from this press.
     std::vector<tvhost::apps::Launch> launches = tvhost::apps::Launches();
     std::string answer = "OK " + std::to_string(launches.size() - std::min(nLaunchesBefore, launches.size())) + "\n";
     for (size_t i = nLaunchesBefore; i < launches.size(); ++i)
