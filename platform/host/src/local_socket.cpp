@@ -119,8 +119,13 @@ void Server::Impl::AcceptLoop()
         if (WaitFor(nListenFd, POLLIN, nWakeFd, Clock::time_point::max()) != Wait::kReady)
             break;
         int fd = accept4(nListenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (fd < 0)
+        if (fd < 0) {
+            // Out of descriptors the connection stays pending: look again a
+            // little later instead of spinning.
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
+                WaitFor(nWakeFd, POLLIN, nWakeFd, Clock::now() + std::chrono::milliseconds(100));
             continue;
+        }
         for (auto it = connections.begin(); it != connections.end();) {
             if (!it->bDone.load())
                 ++it;
