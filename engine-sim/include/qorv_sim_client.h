@@ -16,14 +16,12 @@
 #ifndef QORV_SIM_CLIENT_H
 #define QORV_SIM_CLIENT_H
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
-#include <unistd.h>
+#include <string_view>
+
+#include "tvhost/local_socket.h"
 
 #ifndef LUMORA_TV_ROOT
 #define LUMORA_TV_ROOT ""
@@ -44,53 +42,26 @@ inline std::string DefaultSocketPath()
 inline bool InjectEvent(const std::string &strSocketPath, int nEvent, const std::string &strParam1,
                         const std::string &strParam2, int &nResult, std::string &strError, int nTimeoutSeconds = 30)
 {
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    if (strSocketPath.size() >= sizeof addr.sun_path) {
-        strError = "socket path too long: " + strSocketPath;
-        return false;
-    }
-    memcpy(addr.sun_path, strSocketPath.c_str(), strSocketPath.size() + 1);
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        strError = std::string("socket: ") + strerror(errno);
-        return false;
-    }
-    timeval timeout{nTimeoutSeconds, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
-        strError = "no engine at " + strSocketPath + ": " + strerror(errno);
-        close(fd);
-        return false;
-    }
-    std::string strRequest = "EVENT " + std::to_string(nEvent) + " " + std::to_string(strParam1.size()) + " " +
-                             std::to_string(strParam2.size()) + "\n" + strParam1 + strParam2;
-    for (size_t nSent = 0; nSent < strRequest.size();) {
-        ssize_t n = send(fd, strRequest.data() + nSent, strRequest.size() - nSent, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0) {
-            strError = std::string("send: ") + strerror(errno);
-            close(fd);
-            return false;
-        }
-        nSent += static_cast<size_t>(n);
-    }
+    using tvhost::localsocket::ClientError;
+    const std::string strRequest = "EVENT " + std::to_string(nEvent) + " " + std::to_string(strParam1.size()) + " " +
+                                   std::to_string(strParam2.size()) + "\n" + strParam1 + strParam2;
     std::string strReply;
-    char c = 0;
-    while (strReply.size() < 256) {
-        ssize_t n = recv(fd, &c, 1, 0);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0 || c == '\n')
-            break;
-        strReply += c;
-    }
-    close(fd);
-    if (c != '\n') {
-        strError = "no answer from the engine";
+    ClientError error;
+    const bool bAnswered = tvhost::localsocket::Exchange(
+        strSocketPath, strRequest, nTimeoutSeconds, 256,
+        [](std::string_view answer) { return answer.find('\n') != std::string_view::npos; }, strReply, error);
+    if (!bAnswered) {
+        switch (error.kind) {
+        case ClientError::kPathTooLong: strError = "socket path too long: " + strSocketPath; break;
+        case ClientError::kSocket: strError = std::string("socket: ") + strerror(error.nErrno); break;
+        case ClientError::kNobodyListens:
+        case ClientError::kConnect: strError = "no engine at " + strSocketPath + ": " + strerror(error.nErrno); break;
+        case ClientError::kSend: strError = std::string("send: ") + strerror(error.nErrno); break;
+        default: strError = "no answer from the engine"; break;
+        }
         return false;
     }
+    strReply.erase(strReply.find('\n'));
     if (strReply.compare(0, 7, "RESULT ") != 0) {
         strError = strReply;
         return false;

@@ -333,30 +333,38 @@ bool Engine::RequestRefresh()
     return true;
 }
 
+std::future<std::optional<int>> Engine::QueueLocked(Request request)
+{
+    if (!m_bRunning || m_bStopping)
+        return {};
+    request.pAnswer = std::make_shared<std::promise<std::optional<int>>>();
+    std::future<std::optional<int>> answer = request.pAnswer->get_future();
+    m_requests.push_back(std::move(request));
+    WakeLocked();
+    return answer;
+}
+
 int Engine::Emit(int nEvent, const char *pParam1, const char *pParam2)
 {
-    std::future<int> answer;
+    std::future<std::optional<int>> answer;
     bool bHere = false;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (!m_pfnCallback)
             return -2;
         bHere = m_threadID == std::this_thread::get_id();
-        if (m_bRunning && !m_bStopping && !bHere) {
+        if (!bHere) {
             Request request;
             request.nEvent = nEvent;
             request.bNull1 = pParam1 == nullptr;
             request.bNull2 = pParam2 == nullptr;
             request.strParam1 = pParam1 ? pParam1 : "";
             request.strParam2 = pParam2 ? pParam2 : "";
-            request.pAnswer = std::make_shared<std::promise<int>>();
-            answer = request.pAnswer->get_future();
-            m_requests.push_back(std::move(request));
-            WakeLocked();
+            answer = QueueLocked(std::move(request));
         }
     }
     if (answer.valid())
-        return answer.get();
+        return answer.get().value_or(-2);
     if (bHere)
         return Deliver(nEvent, pParam1, pParam2); // raised from inside a callback
     // Not started: a thread for this one event, still never the caller's.
@@ -364,6 +372,23 @@ int Engine::Emit(int nEvent, const char *pParam1, const char *pParam2)
     std::thread once([&] { nResult = Deliver(nEvent, pParam1, pParam2); });
     once.join();
     return nResult;
+}
+
+std::optional<int> Engine::RaiseFromSocket(int nEvent, const std::string &strParam1, const std::string &strParam2)
+{
+    std::future<std::optional<int>> answer;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        Request request;
+        request.bFromSocket = true;
+        request.nEvent = nEvent;
+        request.strParam1 = strParam1;
+        request.strParam2 = strParam2;
+        answer = QueueLocked(std::move(request));
+    }
+    if (!answer.valid())
+        return std::nullopt;
+    return answer.get();
 }
 
 int Engine::Deliver(int nEvent, const char *pParam1, const char *pParam2)
@@ -434,12 +459,10 @@ void Engine::Run(StartOptions options, int nWakeFd)
         Trace("scenario time runs %g times as fast", options.dSpeed);
     Session session(*this, std::move(mode), start, options.dSpeed);
     InjectServer server;
-    server.Open(options.strSocketPath);
-    InjectServer::Deliver fromSocket = [&](int nEvent, const std::string &strParam1, const std::string &strParam2) {
-        return session.Raise(nEvent, strParam1, strParam2, true, [] { return std::string("from the socket"); });
-    };
+    server.Open(options.strSocketPath, [this](int nEvent, const std::string &strParam1, const std::string &strParam2) {
+        return RaiseFromSocket(nEvent, strParam1, strParam2);
+    });
 
-    std::vector<pollfd> fds;
     for (;;) {
         std::deque<Request> requests;
         {
@@ -456,6 +479,11 @@ void Engine::Run(StartOptions options, int nWakeFd)
                     Trace("refresh: no callback registered, nothing reported");
                 continue;
             }
+            if (request.bFromSocket) {
+                request.pAnswer->set_value(session.Raise(request.nEvent, request.strParam1, request.strParam2, true,
+                                                         [] { return std::string("from the socket"); }));
+                continue;
+            }
             int nResult = Deliver(request.nEvent, request.bNull1 ? nullptr : request.strParam1.c_str(),
                                   request.bNull2 ? nullptr : request.strParam2.c_str());
             Trace("event %d (raised in process) -> %d", request.nEvent, nResult);
@@ -463,23 +491,17 @@ void Engine::Run(StartOptions options, int nWakeFd)
         }
         int nTimeout = session.PlayDue(kStepsPerTurn);
 
-        fds.clear();
-        fds.push_back(pollfd{nWakeFd, POLLIN, 0});
-        server.AddPollFds(fds);
-        int n = poll(fds.data(), fds.size(), nTimeout);
+        pollfd wake{nWakeFd, POLLIN, 0};
+        int n = poll(&wake, 1, nTimeout);
         if (n < 0 && errno != EINTR) {
             Trace("poll: %s; stopping", strerror(errno));
             break;
         }
-        if (n <= 0)
-            continue;
-        if (fds[0].revents & POLLIN) {
+        if (n > 0 && (wake.revents & POLLIN)) {
             uint64_t count;
             (void)!read(nWakeFd, &count, sizeof count);
         }
-        server.Handle(fds, 1, fromSocket);
     }
-    server.Close();
 
     std::deque<Request> left;
     {
@@ -490,7 +512,10 @@ void Engine::Run(StartOptions options, int nWakeFd)
     }
     for (Request &request : left)
         if (request.pAnswer)
-            request.pAnswer->set_value(-2);
+            request.pAnswer->set_value(std::nullopt);
+    // Its connections' requests are answered above, and no new one is queued
+    // now: nothing holds the socket's threads up.
+    server.Close();
     Trace("stopped");
 }
 

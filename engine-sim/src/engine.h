@@ -1,7 +1,7 @@
 // The simulated engine: one thread of its own that loads the mode file, plays
-// its scenario, serves the injection socket and answers refresh requests and
-// in-process events, delivering every event to the registered callback in
-// order, never on a caller's thread.
+// its scenario and answers refresh requests, in-process events and the events
+// its injection socket's threads hand it, delivering every event to the
+// registered callback in order, never on a caller's thread.
 #pragma once
 
 #include <condition_variable>
@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -59,14 +60,21 @@ public:
 private:
     struct Request {
         bool bRefresh = false;
+        bool bFromSocket = false;
         int nEvent = 0;
         std::string strParam1;
         std::string strParam2;
         bool bNull1 = false;
         bool bNull2 = false;
-        std::shared_ptr<std::promise<int>> pAnswer;
+        // nullopt: the engine stopped before raising it.
+        std::shared_ptr<std::promise<std::optional<int>>> pAnswer;
     };
 
+    // Queues a request for the engine thread; an invalid future when the
+    // engine does not run.
+    std::future<std::optional<int>> QueueLocked(Request request);
+    // For the injection socket's connection threads.
+    std::optional<int> RaiseFromSocket(int nEvent, const std::string &strParam1, const std::string &strParam2);
     void Run(StartOptions options, int nWakeFd);
     bool OnEngineThread() const;
     void WakeLocked();

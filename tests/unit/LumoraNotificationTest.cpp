@@ -27,6 +27,16 @@ namespace noti = tvhost::notifications;
 namespace apps = tvhost::apps;
 
 const char kWidget[] = "PzKmRvTqXa.Lumora";
+
+// The notification service's calls, in order.
+Texts NotificationCalls()
+{
+    Texts calls;
+    for (const std::string &fn : tvhost::faults::CallLog())
+        if (fn.find("notification") != std::string::npos)
+            calls.push_back(fn);
+    return calls;
+}
 const char kNewDevices[] = "<list><NewDevice id=\"a\"><Type>Washer</Type></NewDevice>"
                            "<NewDevice id=\"b\"><Type>Air Conditioner</Type></NewDevice></list>";
 
@@ -79,8 +89,8 @@ TEST_F(LumoraNotificationTest, EachKindIsPostedWithItsLayoutAndEveryPostedItemIs
 {
     {
         LumoraNotification presenter;
-        EXPECT_EQ(noti::Calls(), (Texts{"init_notification_data_manager", "register_notification_button_callback",
-                                        "register_notification_timeout_callback"}));
+        EXPECT_EQ(NotificationCalls(), (Texts{"init_notification_data_manager", "register_notification_button_callback",
+                                              "register_notification_timeout_callback"}));
         EXPECT_EQ(log.Messages(), (Texts{"InitNotificationDataManager Begin", "InitNotificationDataManager End"}));
         auto off = Device("d0", "Always", false);
         EXPECT_EQ(presenter.Add(5, &off), 0);
@@ -132,7 +142,7 @@ TEST_F(LumoraNotificationTest, EachKindIsPostedWithItsLayoutAndEveryPostedItemIs
         removed.push_back(r.appId + "#" + std::to_string(r.itemId));
     EXPECT_EQ(removed, (Texts{"org.kelvar.lumora#1", "org.kelvar.lumora#2", "org.kelvar.lumora#3",
                               "org.kelvar.lumora#4", "org.kelvar.lumora#5", "org.kelvar.lumora#6"}));
-    EXPECT_EQ(noti::Calls().back(), "close_notification_data_manager");
+    EXPECT_EQ(NotificationCalls().back(), "close_notification_data_manager");
 }
 
 TEST_F(LumoraNotificationTest, OnlyTheSecondButtonOfALaunchItemLaunchesTheWidgetForItsDevice)

@@ -93,8 +93,7 @@ TEST_F(PlatformFault, NotificationServiceFailuresAreIgnoredAndEveryItemIsStillFr
         tvhost::Reset();
         tvhost::apps::SetRunning(kWidgetApp, false);
         log.Clear();
-        noti::QueueResult(c.fn, -1);
-        noti::QueueResult(c.fn, -1);
+        tvhost::faults::Queue(c.fn, -1, 2);
         {
             LumoraNotification presenter;
             EXPECT_EQ(presenter.Add(5, &notification), 1);
@@ -103,9 +102,9 @@ TEST_F(PlatformFault, NotificationServiceFailuresAreIgnoredAndEveryItemIsStillFr
             noti::PressButton(2, 1);
             noti::WaitDelivered();
         }
-        EXPECT_EQ(noti::CallCount("add_notification_data"), 2);
-        EXPECT_EQ(noti::CallCount("remove_notification_data"), 2);
-        EXPECT_EQ(noti::Calls().back(), "close_notification_data_manager");
+        EXPECT_EQ(tvhost::faults::Calls("add_notification_data"), 2);
+        EXPECT_EQ(tvhost::faults::Calls("remove_notification_data"), 2);
+        EXPECT_EQ(tvhost::faults::CallLog().back(), "close_notification_data_manager");
         EXPECT_EQ(tvhost::apps::Launches().size(), c.nLaunches);
         EXPECT_EQ(noti::Shown().size(), c.nShownAtEnd);
     }

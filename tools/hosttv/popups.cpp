@@ -30,14 +30,11 @@ std::vector<noti::Record> Popups()
 noti::Record Popup(int item)
 {
     std::vector<noti::Record> records = Popups();
-    std::string items;
-    for (const auto &r : records) {
+    for (const auto &r : records)
         if (r.itemId == item)
             return r;
-        items += (items.empty() ? "#" : ", #") + std::to_string(r.itemId);
-    }
-    throw Error(Error::Kind::kCannot, "no pop-up #" + std::to_string(item) + " on screen (" +
-                                          (items.empty() ? "nothing is on screen" : "on screen: " + items) + ")");
+    throw Error(Error::Kind::kCannot,
+                "no pop-up #" + std::to_string(item) + " on screen (" + noti::OnScreenText(records) + ")");
 }
 
 Press PressButton(int item, int button)

@@ -7,6 +7,7 @@
 
 #include "hosttv/hosttv.h"
 #include "qorv_sim_client.h"
+#include "tvhost/local_socket.h"
 #include "tvhost/network.h"
 #include "tvhost/power.h"
 #include "tvhost/settings.h"
@@ -54,18 +55,7 @@ int ServicePid()
 
 bool EngineAnswers()
 {
-    const std::string path = qorvsim::DefaultSocketPath();
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    if (path.size() >= sizeof addr.sun_path)
-        return false;
-    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return false;
-    bool bLive = connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
-    close(fd);
-    return bLive;
+    return tvhost::localsocket::SomeoneListens(qorvsim::DefaultSocketPath());
 }
 
 std::vector<std::string> Scenarios()

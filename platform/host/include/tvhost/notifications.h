@@ -1,37 +1,17 @@
 // Test control of the host notification-data service: what was posted and
-// removed, the viewer's button presses and timeouts, fault injection, and where
-// the pop-ups are drawn.
+// removed, the viewer's button presses and timeouts, and where the pop-ups are
+// drawn. Its faults are queued and its calls counted in tvhost/faults.h.
 #pragma once
 
-#include <array>
 #include <cstdio>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "tvhost/apps.h"
+#include "tvhost/notification_screen.h"
 
 namespace tvhost {
 namespace notifications {
-
-// A copy of one posted notification_data_t. Text fields are empty optionals
-// where the record held a null pointer.
-struct Record {
-    int version = 0;
-    int popup = 0;
-    int style = 0;
-    std::optional<std::string> appId;
-    int itemId = 0;
-    std::array<int, 3> reserved1{};
-    std::optional<std::string> title;
-    std::optional<std::string> body;
-    std::optional<std::string> subText;
-    std::array<int, 3> reserved2{};
-    int buttonCount = 0;
-    int needAnswer = 0;
-    std::array<std::optional<std::string>, 3> buttonLabel;
-    std::array<std::optional<std::string>, 3> buttonIcon;
-};
 
 struct Removal {
     std::string appId;
@@ -40,22 +20,13 @@ struct Removal {
 };
 
 // Every record accepted by add_notification_data, in order (later posts of the
-// same item id included). Posted, Removals and Calls keep at least the latest
-// 4096 entries; the counts of CallCount are kept whole.
+// same item id included). Posted and Removals keep at least the latest 4096
+// entries.
 std::vector<Record> Posted();
 // Notifications on screen now, in item id order.
 std::vector<Record> Shown();
 // Every remove_notification_data call, in order.
 std::vector<Removal> Removals();
-
-// Names of the service's functions in the order they were called.
-std::vector<std::string> Calls();
-// How often fn (e.g. "add_notification_data") was called since the last reset.
-int CallCount(const std::string &fn);
-
-// The next call of fn returns result and does nothing else. Queued results
-// are used up in order.
-void QueueResult(const std::string &fn, int result);
 
 // The viewer presses button index (0 = leftmost) of a shown notification, or
 // lets it time out. The callback runs on the service's delivery thread; these
@@ -74,9 +45,6 @@ int Delivered();
 void DrawTo(std::FILE *stream);
 // Appends the drawings to a file; false when it cannot be opened.
 bool DrawToFile(const std::string &path);
-
-// The pop-up as the viewer sees it, as drawn.
-std::string Render(const Record &record);
 
 // ---- the running service, from another process -----------------------------
 // While a process has the service initialised (init_notification_data_manager

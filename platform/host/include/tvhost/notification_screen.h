@@ -1,0 +1,63 @@
+// What the viewer of the host TV sees of the notification service: the
+// notifications on screen and their drawing on a terminal. Records in, text
+// out: nothing here posts, delivers or prints.
+#pragma once
+
+#include <array>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tvhost {
+namespace notifications {
+
+// A copy of one posted notification_data_t. Text fields are empty optionals
+// where the record held a null pointer.
+struct Record {
+    int version = 0;
+    int popup = 0;
+    int style = 0;
+    std::optional<std::string> appId;
+    int itemId = 0;
+    std::array<int, 3> reserved1{};
+    std::optional<std::string> title;
+    std::optional<std::string> body;
+    std::optional<std::string> subText;
+    std::array<int, 3> reserved2{};
+    int buttonCount = 0;
+    int needAnswer = 0;
+    std::array<std::optional<std::string>, 3> buttonLabel;
+    std::array<std::optional<std::string>, 3> buttonIcon;
+};
+
+// The notifications on screen, one per item id: a later post of an item id
+// replaces the one shown.
+class Screen {
+public:
+    void Show(const Record &record);
+    // Takes down item itemId of appId; false, and nothing changes, when no
+    // such one is shown.
+    bool Close(const std::string &appId, int itemId);
+    void Clear();
+    // In item id order.
+    std::vector<Record> Records() const;
+    // Why the viewer cannot press buttonIndex of item itemId (bButton false:
+    // let it time out), for a person; empty when they can.
+    std::string CannotDeliver(int itemId, bool bButton, int buttonIndex) const;
+
+private:
+    std::map<int, Record> m_shown;
+};
+
+// "on screen: #1, #3", or "nothing is on screen".
+std::string OnScreenText(const std::vector<Record> &records);
+
+// The pop-up as the viewer sees it: a box of title, body, sub-text and
+// buttons, at most 64 columns wide.
+std::string Render(const Record &record);
+// The line drawn when a pop-up is taken down.
+std::string RenderClosed(const std::string &appId, int itemId);
+
+} // namespace notifications
+} // namespace tvhost

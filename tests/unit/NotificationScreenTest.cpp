@@ -1,0 +1,86 @@
+// The host TV's screen model and its terminal drawing, without the service.
+#include <gtest/gtest.h>
+
+#include "tvhost/notification_screen.h"
+
+namespace noti = tvhost::notifications;
+
+namespace {
+
+noti::Record Item(int id, int nButtons, const char *app = "org.kelvar.lumora")
+{
+    noti::Record r;
+    r.appId = app;
+    r.itemId = id;
+    r.buttonCount = nButtons;
+    return r;
+}
+
+} // namespace
+
+TEST(NotificationScreen, WideTextLongLinesAndManyButtonsWrapInsideOneBox)
+{
+    noti::Record r = Item(7, 3);
+    r.title = "洗濯機 Washer"; // two columns a character
+    r.body = "The wash is done.\nTake it out before it wrinkles, please, it has been sitting there for a very long "
+             "while now";
+    r.buttonLabel = {std::string("Close"), std::string("Go to Lumora now please"),
+                     std::string("Later on tonight, after dinner")};
+    EXPECT_EQ("\n" + noti::Render(r), R"(
+┌─ org.kelvar.lumora #7 ───────────────────────────────────────────┐
+│ 洗濯機 Washer                                                    │
+├──────────────────────────────────────────────────────────────────┤
+│ The wash is done.                                                │
+│ Take it out before it wrinkles, please, it has been sitting      │
+│ there for a very long while now                                  │
+│                                                                  │
+│ [ Close ]  [ Go to Lumora now please ]                           │
+│ [ Later on tonight, after dinner ]                               │
+└──────────────────────────────────────────────────────────────────┘
+)");
+
+    // Control bytes become blanks and a broken sequence a '?'; no app id is '?'.
+    noti::Record odd;
+    odd.itemId = 3;
+    odd.title = std::string("tab\there\x01 bad\xff end");
+    odd.subText = "sub";
+    EXPECT_EQ("\n" + noti::Render(odd), R"(
+┌─ ? #3 ───────────────────────────────┐
+│ tab here bad? end                    │
+├──────────────────────────────────────┤
+│                                      │
+│ sub                                  │
+└──────────────────────────────────────┘
+)");
+}
+
+TEST(NotificationScreen, OneNotificationAnItemAndOnlyItsOwnAppTakesItDown)
+{
+    noti::Screen screen;
+    EXPECT_EQ(screen.CannotDeliver(1, false, 0), "no notification #1 on screen (nothing is on screen)");
+    screen.Show(Item(3, 0));
+    screen.Show(Item(1, 1));
+    screen.Show(Item(2, 2));
+    screen.Show(Item(2, 3)); // posted again: replaces
+    EXPECT_EQ(noti::OnScreenText(screen.Records()), "on screen: #1, #2, #3");
+    struct {
+        int item;
+        bool bButton;
+        int button;
+        const char *why;
+    } cases[] = {
+        {3, false, 0, ""},
+        {3, true, 0, "notification #3 has no buttons"},
+        {1, true, 1, "notification #1 has 1 button: press 0"},
+        {2, true, -1, "notification #2 has 3 buttons: press 0 to 2"},
+        {2, true, 2, ""},
+        {9, true, 0, "no notification #9 on screen (on screen: #1, #2, #3)"},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(screen.CannotDeliver(c.item, c.bButton, c.button), c.why) << c.item << "/" << c.button;
+
+    EXPECT_FALSE(screen.Close("another.app", 1));
+    EXPECT_TRUE(screen.Close("org.kelvar.lumora", 1));
+    EXPECT_FALSE(screen.Close("org.kelvar.lumora", 1));
+    EXPECT_EQ(noti::OnScreenText(screen.Records()), "on screen: #2, #3");
+}
