@@ -65,40 +65,43 @@ int main(int argc, char **argv)
     std::printf("Lumora service benchmarks (Release, host TV: tvhost + simulated engine)\n");
     std::printf("%s\n", Line());
 
-    std::printf("One engine event through CLumoraQorvHelper::m_OnQorvEvent, us of CPU time of the calling thread,\n"
-                "beside libxml2 alone parsing and freeing the same text, measured in between (every 500 events);\n"
-                "median of 5 runs of 20,000 events\n");
-    std::printf("  %-26s %13s %9s %7s %17s %7s\n", "event", "libxml2 alone", "log off", "ratio", "log on (no echo)",
-                "ratio");
+    // The headline: what a TV pays. There the platform calls are messages to
+    // the platform's daemons; on the host tvhost does their work in-process.
+    std::printf(
+        "The service's own work per engine event, as on a TV: CLumoraQorvHelper::m_OnQorvEvent with the\n"
+        "platform calls answering at once, us of CPU time of the calling thread, beside libxml2 alone\n"
+        "parsing and freeing the same text (measured in between); median of 5 runs of 20,000 events, log off\n");
+    std::printf("  %-26s %13s %13s %7s\n", "event", "libxml2 alone", "service", "ratio");
+    for (const auto &e : events) {
+        const std::string n = std::to_string(e.n);
+        const std::string free = "BM_DispatchPlatformAnswersAtOnce/event:" + n + ".";
+        const double dRatio = Get(free + "ratio");
+        std::printf("  %-26s %13s %13s %7s\n", (n + " " + e.pName).c_str(),
+                    Fmt("%.2f", Get(free + "libxml2_ns") / 1e3).c_str(),
+                    Fmt("%.2f", Get(free + "dispatch_ns") / 1e3).c_str(), Fmt("%.2fx", dRatio).c_str());
+        if (e.n == 1 || e.n == 5)
+            AddTarget("event " + n + ", the service's own work, within 1.3x of libxml2 alone", Fmt("%.2fx", dRatio),
+                      dRatio, dRatio <= 1.3);
+    }
+
+    std::printf("\n[host TV only] The same events with tvhost doing the platform's work in-process (its\n"
+                "notification service copies every record; a TV's daemon does that elsewhere), log off and on\n");
+    std::printf("  %-26s %13s %9s %7s %17s %7s %12s\n", "event", "libxml2 alone", "log off", "ratio",
+                "log on (no echo)", "ratio", "in tvhost");
     for (const auto &e : events) {
         const std::string n = std::to_string(e.n);
         const std::string off = "BM_Dispatch/event:" + n + "/log:0.";
         const std::string on = "BM_Dispatch/event:" + n + "/log:1.";
-        const double dRatio = Get(off + "ratio");
-        std::printf("  %-26s %13s %9s %7s %17s %7s\n", (n + " " + e.pName).c_str(),
-                    Fmt("%.2f", Get(off + "libxml2_ns") / 1e3).c_str(),
-                    Fmt("%.2f", Get(off + "dispatch_ns") / 1e3).c_str(), Fmt("%.2fx", dRatio).c_str(),
-                    Fmt("%.2f", Get(on + "dispatch_ns") / 1e3).c_str(), Fmt("%.2fx", Get(on + "ratio")).c_str());
-        if (e.n == 1 || e.n == 5)
-            AddTarget("event " + n + " dispatch, log off, within 1.3x of libxml2 alone", Fmt("%.2fx", dRatio), dRatio,
-                      dRatio <= 1.3);
-    }
-    std::printf("  (log on: the platform log switched on, capture and echo off: every line formatted, then dropped)\n");
-
-    std::printf(
-        "\n  Events 1 and 5, log off, where the time goes (lumora_bench_accounting): the share inside tvhost's\n"
-        "  add_notification_data and was_* calls, and the dispatch when those calls answer at once\n");
-    std::printf("  %-26s %18s %28s %16s\n", "event", "in tvhost's calls", "platform answering at once",
-                "/ libxml2 alone");
-    for (const auto &e : events) {
-        if (e.n != 1 && e.n != 5)
-            continue;
-        const std::string n = std::to_string(e.n);
         const double dShare = Get("BM_PlatformShare/event:" + n + ".tvhost_share");
-        const std::string free = "BM_DispatchPlatformAnswersAtOnce/event:" + n + ".";
-        std::printf("  %-26s %18s %28s %16s\n", (n + " " + e.pName).c_str(), Fmt("%.0f%%", dShare * 100).c_str(),
-                    Fmt("%.2f", Get(free + "dispatch_ns") / 1e3).c_str(), Fmt("%.2fx", Get(free + "ratio")).c_str());
+        std::printf("  %-26s %13s %9s %7s %17s %7s %12s\n", (n + " " + e.pName).c_str(),
+                    Fmt("%.2f", Get(off + "libxml2_ns") / 1e3).c_str(),
+                    Fmt("%.2f", Get(off + "dispatch_ns") / 1e3).c_str(), Fmt("%.2fx", Get(off + "ratio")).c_str(),
+                    Fmt("%.2f", Get(on + "dispatch_ns") / 1e3).c_str(), Fmt("%.2fx", Get(on + "ratio")).c_str(),
+                    Fmt("%.0f%%", dShare * 100).c_str());
     }
+    std::printf(
+        "  (log on: the platform log switched on, capture and echo off: every line formatted, then dropped;\n"
+        "   in tvhost: the share of the log-off time spent inside add_notification_data and was_*, events 1, 5)\n");
 
     const double dLogOff = Get("BM_LogCall/log:0");
     const double dLogOn = Get("BM_LogCall/log:1");
@@ -109,7 +112,7 @@ int main(int argc, char **argv)
               dLogOff < 10.0);
 
     std::printf("\nHeap kept per event after 100,000 events, bytes (log off; tvhost = what the platform keeps\n"
-                "inside the service's calls: notification-data service / web-app service / log)\n");
+                "inside the service's calls: notification-data service / web-app service / log: host TV only)\n");
     std::printf("  %-26s %10s %10s %10s   %s\n", "event", "total", "service", "tvhost",
                 "tvhost: notification / was / log");
     for (const auto &e : events) {

@@ -284,3 +284,15 @@ TEST(CDeviceNotification, ReparseDecidesTheFlagAnewAndKeepsTheIdWhenNoneIsGiven)
     EXPECT_EQ(log.Messages(), Strings{"pDeviceNotification id is empty"});
     EXPECT_EQ(Fields(n.m_Data), "|||8|||0||0|0");
 }
+
+// Texts split across nodes (a comment, a child element, a CDATA section,
+// character references) read whole, as libxml2's getters give them.
+TEST(CDeviceNotification, TextsSplitAcrossNodesReadWhole)
+{
+    CDeviceNotification n;
+    const char *doc = "<n id=\"a&amp;b\" type=\"\"><Device id=\"d\" type=\"W&#x41;\">Lau<!--c-->ndry</Device>"
+                      "<Notification>Do<b>n</b><![CDATA[e<]]></Notification><Action/>"
+                      "<DisplayOption flag=\"On\" condition=\"x\"/></n>";
+    ASSERT_TRUE(n.Parse(doc, nullptr));
+    EXPECT_EQ(Fields(n.m_Data), "d|WA|Laundry|a&b||Done<|0|x|1|0");
+}

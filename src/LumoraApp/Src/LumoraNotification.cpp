@@ -57,7 +57,8 @@ enum {
 
 const int LAUNCH_BUTTON_INDEX = 1;
 
-std::string Translate(const char *pMsgId)
+// The catalogue's own text: it stays loaded for the life of the process.
+const char *Translate(const char *pMsgId)
 {
     return dgettext(TEXT_DOMAIN, pMsgId);
 }
@@ -135,23 +136,17 @@ int LumoraNotification::m_AddDeviceNotification(CDeviceNotification *pNotificati
     data.body = info.strNotiText.c_str();
     data.need_answer = 0;
 
-    // The labels must outlive the call that posts them.
-    std::string strLabel1;
-    std::string strLabel2;
     if (!bWidgetRunning) {
         pItem->nType = ACTION_LAUNCH_WIDGET;
-        strLabel1 = Translate("SID_CLOSE");
-        strLabel2 = Translate("TV_SID_GO_TO_LUMORA");
         data.button_count = 2;
-        data.button_label[0] = strLabel1.c_str();
+        data.button_label[0] = Translate("SID_CLOSE");
         data.button_icon[0] = ICON_CLOSE;
-        data.button_label[1] = strLabel2.c_str();
+        data.button_label[1] = Translate("TV_SID_GO_TO_LUMORA");
         data.button_icon[1] = ICON_GO;
     } else if (info.strDisplayCondition == "Always") {
         pItem->nType = ACTION_NONE;
-        strLabel1 = Translate("SID_OK");
         data.button_count = 1;
-        data.button_label[0] = strLabel1.c_str();
+        data.button_label[0] = Translate("SID_OK");
         data.button_icon[0] = ICON_ALLOW;
     } else {
         pItem->nType = ACTION_NONE;
@@ -189,20 +184,19 @@ int LumoraNotification::m_AddDeviceListNotification(CNewDeviceList *pList, const
     pItem->nType = ACTION_LAUNCH_WIDGET;
     pItem->nItemId = nItemId;
 
-    const std::string strTitle = Translate("TV_NEW_HOME_APPLIANCE_DETECTED");
-    const std::string strBody = pList->GetSummary() + Translate(pBodyTail);
-    const std::string strYes = Translate("SID_YES");
-    const std::string strNo = Translate("SID_NO");
+    const char *pTitle = Translate("TV_NEW_HOME_APPLIANCE_DETECTED");
+    std::string strBody = pList->GetSummary();
+    strBody += Translate(pBodyTail);
 
     notification_data_t data;
     FillCommon(data, STYLE_NEW_DEVICE, nItemId);
-    data.title = strTitle.c_str();
+    data.title = pTitle;
     data.body = strBody.c_str();
     data.button_count = 2;
     data.need_answer = 1;
-    data.button_label[0] = strYes.c_str();
+    data.button_label[0] = Translate("SID_YES");
     data.button_icon[0] = ICON_ALLOW;
-    data.button_label[1] = strNo.c_str();
+    data.button_label[1] = Translate("SID_NO");
     data.button_icon[1] = ICON_DENY;
 
     add_notification_data(&data);

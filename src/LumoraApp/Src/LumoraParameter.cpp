@@ -1,10 +1,10 @@
 #include "LumoraParameter.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <utility>
 
 #include <libxml/parser.h>
@@ -32,8 +32,34 @@ bool Take(xmlChar *p, std::string &out)
     return true;
 }
 
+// A value held by one text node is read in place: the same text libxml2's
+// getters would copy out, without their allocation (an event reads every
+// field this way). Anything else takes libxml2's general path.
+const xmlChar *SingleText(const xmlNode *children)
+{
+    static const xmlChar kEmpty[] = "";
+    if (children == nullptr)
+        return kEmpty;
+    if (children->next == nullptr && children->content != nullptr &&
+        (children->type == XML_TEXT_NODE || children->type == XML_CDATA_SECTION_NODE))
+        return children->content;
+    return nullptr;
+}
+
 bool GetAttr(xmlNode *node, const char *name, std::string &out)
 {
+    // xmlHasProp finds the attribute (or a DTD default) as xmlGetProp does.
+    const xmlAttr *attr = xmlHasProp(node, X(name));
+    if (attr == nullptr) {
+        out.clear();
+        return false;
+    }
+    if (attr->type == XML_ATTRIBUTE_NODE) {
+        if (const xmlChar *text = SingleText(attr->children)) {
+            out.assign(reinterpret_cast<const char *>(text));
+            return true;
+        }
+    }
     return Take(xmlGetProp(node, X(name)), out);
 }
 
@@ -46,6 +72,12 @@ std::string AttrOrEmpty(xmlNode *node, const char *name)
 
 bool GetText(xmlNode *node, std::string &out)
 {
+    if (node->type == XML_ELEMENT_NODE) {
+        if (const xmlChar *text = SingleText(node->children)) {
+            out.assign(reinterpret_cast<const char *>(text));
+            return true;
+        }
+    }
     return Take(xmlNodeGetContent(node), out);
 }
 
@@ -306,7 +338,7 @@ bool CNewDeviceList::Ele_OnNewDevice(xmlNode *node)
     }
     item.strType = TextOrEmpty(type);
     LUMORA_LOG(EXT_LOG_DEBUG, "[CNewDeviceList] -----id:[%s], type:[%s]", item.strID.c_str(), item.strType.c_str());
-    m_vecDevice.push_back(item);
+    m_vecDevice.push_back(std::move(item));
     return true;
 }
 
@@ -314,18 +346,26 @@ bool CNewDeviceList::m_MakeSummary()
 {
     m_strSummary.clear();
 
-    std::map<std::string, int> counts;
+    // Each type once with its count, in the types' byte order: the devices'
+    // own strings sorted by pointer, no copies.
+    std::vector<const std::string *> types;
+    types.reserve(m_vecDevice.size());
     for (const Item &item : m_vecDevice)
-        ++counts[item.strType];
+        types.push_back(&item.strType);
+    std::sort(types.begin(), types.end(), [](const std::string *a, const std::string *b) { return *a < *b; });
 
     // Deliberate: each entry goes through a fixed buffer, so an overlong type
     // is cut there. Pinned by LumoraParameterTest (new device list summaries).
     char entry[256];
     const char *separator = "";
-    for (const auto &kv : counts) {
-        std::snprintf(entry, sizeof(entry), "%s%s %d", separator, kv.first.c_str(), kv.second);
+    for (size_t i = 0; i < types.size();) {
+        size_t j = i + 1;
+        while (j < types.size() && *types[j] == *types[i])
+            ++j;
+        std::snprintf(entry, sizeof(entry), "%s%s %d", separator, types[i]->c_str(), static_cast<int>(j - i));
         m_strSummary += entry;
         separator = ", ";
+        i = j;
     }
     return !m_strSummary.empty();
 }
