@@ -174,21 +174,14 @@ TEST(LumoraLoad, AStormWithPressesAndLanguageFlipsKeepsTheServiceUpFedAndItsMemo
     });
 
     // Until the storm is over or the time is up.
-    std::string log;
-    Tally tally;
-    while (Supervisor::Clock::now() - stormStart < kLoadTime && tv.Running()) {
-        std::this_thread::sleep_for(5s);
-        log = tv.Log();
-        if (Read(log).nRounds >= kRounds)
-            break;
-    }
+    tv.WaitForLog("Enter LumoraManager::OnQorvEvent, event type is 12290,", kLoadTime, kRounds);
     const long nRssAfter = RssKiB(pid);
     const auto stormEnd = Supervisor::Clock::now();
     bStop = true;
     driver.join();
     ASSERT_TRUE(tv.Running()) << tv.Log().substr(0, 4000);
-    log = tv.Log();
-    tally = Read(log);
+    std::string log = tv.Log();
+    const Tally tally = Read(log);
 
     const Supervision seen = tv.Terminate(30s);
     ExpectSupervised(seen);

@@ -1,5 +1,6 @@
 // The service's thin platform helpers: the data folder, the widget's queries
 // and launch, the widget watcher and the power-off.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <app_control.h>
@@ -20,6 +21,7 @@
 #include "tvhost/tvhost.h"
 
 namespace fs = std::filesystem;
+using ::testing::HasSubstr;
 
 class CLumoraWidgetHelperTestPeer {
 public:
@@ -73,46 +75,67 @@ struct ToolPath {
 
 } // namespace
 
-TEST(DataFolderHelper, FirstRunPreparesTheFolderLaterRunsLeaveItAloneAFailingCommandEndsItAndLongOnesAreLoggedCut)
-{
+namespace {
+
+class DataFolderHelper : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        fs::remove_all(data);
+        fs::remove(labels);
+    }
+    void TearDown() override { fs::remove_all(data); }
+    // The log of a run of these commands, then after.
+    static Lines LogOf(Lines ran, const Lines &after)
+    {
+        for (auto &command : ran)
+            command = "[ExecuteCommand] the command is '" + command + "'";
+        ran.insert(ran.begin(), "[CreateQORVDataFolder] begin");
+        ran.insert(ran.end(), after.begin(), after.end());
+        return ran;
+    }
     LogCapture log;
     const std::string data = tvhost::Root() + "/opt/usr/apps/org.kelvar.lumora/data";
     const std::string shipped = tvhost::Root() + "/usr/apps/org.kelvar.lumora/bin/mode.xml";
     const std::string labels = tvhost::Root() + "/opt/var/tvhost/smack/labels", label = "\"org.kelvar.lumora\"";
     const Lines commands = {"mkdir -p " + data, "cp " + shipped + " " + data, "chmod 777 -R " + data,
                             "chown app.app -R " + data, "chsmack -a " + label + " -e " + label + " " + data};
-    auto logOf = [](Lines ran, const Lines &after) {
-        for (auto &command : ran)
-            command = "[ExecuteCommand] the command is '" + command + "'";
-        ran.insert(ran.begin(), "[CreateQORVDataFolder] begin");
-        ran.insert(ran.end(), after.begin(), after.end());
-        return ran;
-    };
-    fs::remove_all(data);
-    fs::remove(labels);
-    {
-        ToolPath tools("none");
-        EXPECT_TRUE(CDataFolderHelper().CreateDataFolder());
-        EXPECT_EQ(log.Messages(), logOf(commands, {"[CreateQORVDataFolder] end"}));
-        EXPECT_EQ(log.PriorityOf("[CreateQORVDataFolder] begin"), kDebug);
-        EXPECT_EQ(ReadAll(data + "/mode.xml"), ReadAll(shipped));
-        EXPECT_EQ(fs::status(data + "/mode.xml").permissions(), fs::perms::all);
-        EXPECT_NE(ReadAll(labels).find(fs::canonical(data).string() + "\torg.kelvar.lumora\torg.kelvar.lumora\n"),
-                  std::string::npos);
-        log.Clear();
-        EXPECT_TRUE(CDataFolderHelper().CreateDataFolder());
-        EXPECT_EQ(log.Messages(), (Lines{"[CreateQORVDataFolder] begin",
-                                         "[CreateQORVDataFolder] the QORV storage path is already exist",
-                                         "[CreateQORVDataFolder] the QORV mode.xml is already exist"}));
-        // The folder there, the file gone: everything but mkdir runs again.
-        log.Clear();
-        fs::remove(data + "/mode.xml");
-        EXPECT_TRUE(CDataFolderHelper().CreateDataFolder());
-        Lines again = logOf(Lines(commands.begin() + 1, commands.end()), {"[CreateQORVDataFolder] end"});
-        again.insert(again.begin() + 1, "[CreateQORVDataFolder] the QORV storage path is already exist");
-        EXPECT_EQ(log.Messages(), again);
-    }
-    // A failing command ends the run; nothing is undone.
+};
+
+} // namespace
+
+TEST_F(DataFolderHelper, FirstRunPreparesTheFolder)
+{
+    ToolPath tools("none");
+    EXPECT_TRUE(CDataFolderHelper().CreateDataFolder());
+    EXPECT_EQ(log.Messages(), LogOf(commands, {"[CreateQORVDataFolder] end"}));
+    EXPECT_EQ(log.PriorityOf("[CreateQORVDataFolder] begin"), kDebug);
+    EXPECT_EQ(ReadAll(data + "/mode.xml"), ReadAll(shipped));
+    EXPECT_EQ(fs::status(data + "/mode.xml").permissions(), fs::perms::all);
+    EXPECT_THAT(ReadAll(labels), HasSubstr(fs::canonical(data).string() + "\torg.kelvar.lumora\torg.kelvar.lumora\n"));
+}
+
+TEST_F(DataFolderHelper, LaterRunsLeaveItAloneButCopyAMissingFile)
+{
+    ToolPath tools("none");
+    ASSERT_TRUE(CDataFolderHelper().CreateDataFolder());
+    log.Clear();
+    EXPECT_TRUE(CDataFolderHelper().CreateDataFolder());
+    EXPECT_EQ(log.Messages(),
+              (Lines{"[CreateQORVDataFolder] begin", "[CreateQORVDataFolder] the QORV storage path is already exist",
+                     "[CreateQORVDataFolder] the QORV mode.xml is already exist"}));
+    // The folder there, the file gone: everything but mkdir runs again.
+    log.Clear();
+    fs::remove(data + "/mode.xml");
+    EXPECT_TRUE(CDataFolderHelper().CreateDataFolder());
+    Lines again = LogOf(Lines(commands.begin() + 1, commands.end()), {"[CreateQORVDataFolder] end"});
+    again.insert(again.begin() + 1, "[CreateQORVDataFolder] the QORV storage path is already exist");
+    EXPECT_EQ(log.Messages(), again);
+}
+
+// Nothing is undone.
+TEST_F(DataFolderHelper, AFailingCommandEndsTheRun)
+{
     for (size_t failing = 0; failing < commands.size(); ++failing) {
         const std::string tool = commands[failing].substr(0, commands[failing].find(' '));
         SCOPED_TRACE(tool);
@@ -120,15 +143,15 @@ TEST(DataFolderHelper, FirstRunPreparesTheFolderLaterRunsLeaveItAloneAFailingCom
         fs::remove_all(data);
         log.Clear();
         EXPECT_FALSE(CDataFolderHelper().CreateDataFolder());
-        EXPECT_EQ(log.Messages(), logOf(Lines(commands.begin(), commands.begin() + failing + 1),
+        EXPECT_EQ(log.Messages(), LogOf(Lines(commands.begin(), commands.begin() + failing + 1),
                                         {"[ExecuteCommand] '" + commands[failing] + "' is failed!!!"}));
         EXPECT_EQ(log.Records().back().priority, kError);
         EXPECT_EQ(fs::is_directory(data), failing > 0);
     }
-    fs::remove_all(data);
+}
 
-    // A long command is logged cut at 256 characters but run whole.
-    log.Clear();
+TEST_F(DataFolderHelper, ALongCommandIsLoggedCutButRunWhole)
+{
     const std::string out = tvhost::Root() + "/long-command.out";
     const std::string text(300 - std::strlen("printf %s ") - (" > " + out).size() - 3, 'x');
     const std::string command = "printf %s " + text + "END > " + out;
@@ -138,49 +161,64 @@ TEST(DataFolderHelper, FirstRunPreparesTheFolderLaterRunsLeaveItAloneAFailingCom
     fs::remove(out);
 }
 
-TEST(LumoraWidgetHelper, QueriesRetryOnlyWhileTheServiceIsBusyOrAStatusCallFails)
-{
-    LogCapture log;
-    tvhost::apps::SetInstalled(kWidget, true);
-    tvhost::apps::SetRunning(kWidget, true);
-    CLumoraWidgetHelper helper;
-    auto calls = [](const char *fn) { return tvhost::apps::CallCount(fn); };
+namespace {
 
-    // Up to five retries on -2; any other failure is final at once.
+class LumoraWidgetQuery : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        tvhost::apps::SetInstalled(kWidget, true);
+        tvhost::apps::SetRunning(kWidget, true);
+        tvhost::Reset();
+    }
+    static int Calls(const char *fn) { return tvhost::apps::CallCount(fn); }
+    LogCapture log;
+    CLumoraWidgetHelper helper;
+};
+
+} // namespace
+
+// Up to five retries on -2; any other failure is final at once.
+TEST_F(LumoraWidgetQuery, InstalledRetriesOnlyWhileTheServiceIsBusy)
+{
     tvhost::apps::QueueAppInfoResult(-2, 6);
     EXPECT_FALSE(helper.IsWidgetInstalled(kWidget)) << "a sixth busy answer is final";
-    EXPECT_EQ(calls("was_get_app_info"), 6);
+    EXPECT_EQ(Calls("was_get_app_info"), 6);
     EXPECT_EQ(log.Count("=== Begin to get app info ! ==="), 6);
     EXPECT_EQ(log.PriorityOf("=== The widget PzKmRvTqXa.Lumora is not installed! ==="), kDebug);
     tvhost::Reset();
     tvhost::apps::QueueAppInfoResult(-2, 5);
     EXPECT_TRUE(helper.IsWidgetInstalled(kWidget));
-    EXPECT_EQ(calls("was_get_app_info"), 6);
+    EXPECT_EQ(Calls("was_get_app_info"), 6);
     tvhost::Reset();
     tvhost::apps::QueueAppInfoResult(-2);
     tvhost::apps::QueueAppInfoResult(-1);
     EXPECT_FALSE(helper.IsWidgetInstalled(kWidget));
-    EXPECT_EQ(calls("was_get_app_info"), 2);
+    EXPECT_EQ(Calls("was_get_app_info"), 2);
+}
 
-    log.Clear();
+TEST_F(LumoraWidgetQuery, LaunchedReadsTheStatus)
+{
     EXPECT_TRUE(helper.IsWidgetLaunched(kWidget));
     EXPECT_EQ(log.PriorityOf("=====The widget PzKmRvTqXa.Lumora has been launched !=====\n"), kDebug);
     tvhost::apps::SetRunning(kWidget, false);
     EXPECT_FALSE(helper.IsWidgetLaunched(kWidget));
     EXPECT_TRUE(log.Has("=====The widget PzKmRvTqXa.Lumora has not been launched !=====\n"));
-    // Three failed status calls are final; a fourth, successful answer is never asked for.
-    tvhost::Reset();
+}
+
+// Three failed status calls are final; a fourth, successful answer is never
+// asked for. A failed call that nevertheless set the status word ends the retries.
+TEST_F(LumoraWidgetQuery, LaunchedRetriesAFailedStatusCallTwice)
+{
     tvhost::apps::QueueAppStatusResult(-1, 0, 3);
     tvhost::apps::QueueAppStatusResult(0, 1);
     EXPECT_FALSE(helper.IsWidgetLaunched(kWidget));
-    EXPECT_EQ(calls("was_get_app_status"), 3);
+    EXPECT_EQ(Calls("was_get_app_status"), 3);
     EXPECT_EQ(log.Count("=====Get the widget PzKmRvTqXa.Lumora info error =====\n"), 3);
-    // A failed call that nevertheless set the status word ends the retries.
     tvhost::Reset();
-    tvhost::apps::SetRunning(kWidget, true);
     tvhost::apps::QueueAppStatusResult(-1, 1);
     EXPECT_FALSE(helper.IsWidgetLaunched(kWidget));
-    EXPECT_EQ(calls("was_get_app_status"), 1);
+    EXPECT_EQ(Calls("was_get_app_status"), 1);
 }
 
 TEST(LumoraWidgetHelper, LaunchSendsTheDeviceEvenToARunningWidgetAndOnlyToAnInstalledOne)

@@ -54,14 +54,21 @@ protected:
 
 } // namespace
 
-TEST_F(ManagerTest, TheEngineStartsOnTheMainLoopOnceTheWidgetIsThereAndFollowsLanguageAndNetwork)
+TEST_F(ManagerTest, ConstructLeavesTheEngineStartToTheMainLoop)
+{
+    tvhost::apps::SetInstalled(kWidgetApp, true);
+    ASSERT_EQ(Peer::Get().Construct(), 0);
+    EXPECT_EQ(sim->Calls("qorv_start"), 0);
+    EXPECT_EQ(Own(log), (Texts{"3 LumoraManager::LumoraManager()", "3 Enter into m_HandleWidgetInstall",
+                               "3 connection_create() is successful. connection : 0x?\n"}));
+}
+
+TEST_F(ManagerTest, EngineStartsThreeSecondsLaterAndIsToldTheLanguage)
 {
     tvhost::apps::SetInstalled(kWidgetApp, true);
     const auto t0 = std::chrono::steady_clock::now();
     ASSERT_EQ(Peer::Get().Construct(), 0);
-    EXPECT_EQ(sim->Calls("qorv_start"), 0) << "the start waits for the main loop";
-    EXPECT_EQ(Own(log), (Texts{"3 LumoraManager::LumoraManager()", "3 Enter into m_HandleWidgetInstall",
-                               "3 connection_create() is successful. connection : 0x?\n"}));
+    log.Clear();
     ASSERT_TRUE(RunUntil([&] { return sim->Calls("qorv_excute") == 2; }));
     EXPECT_GE(std::chrono::steady_clock::now() - t0, 3s) << "a lower bound: a busy machine only makes it later";
     EXPECT_EQ(sim->Calls("qorv_register_callback"), 1);
@@ -69,9 +76,15 @@ TEST_F(ManagerTest, TheEngineStartsOnTheMainLoopOnceTheWidgetIsThereAndFollowsLa
     EXPECT_EQ(Own(log), Concat({"3 Begin to start qorv!", "3 Success to start qorv!",
                                 "3 Current Language is en_US.UTF-8", "3 The language to set is en_US!"},
                                kLanguageSent));
+}
 
-    // The viewer changes the language: both commands with the part before the first dot, if any.
-    struct {
+// Both commands with the part before the first dot, if any.
+TEST_F(ManagerTest, LanguageChangeSendsBothCommandsOrNone)
+{
+    StartWithWidget();
+    ASSERT_TRUE(RunUntil([&] { return sim->Calls("qorv_excute") == 2; }));
+    log.Clear();
+    const struct {
         const char *text, *sent; // sent: null if nothing is
         Texts lines;
     } languages[] = {
@@ -81,10 +94,11 @@ TEST_F(ManagerTest, TheEngineStartsOnTheMainLoopOnceTheWidgetIsThereAndFollowsLa
         {".UTF-8", nullptr, {"3 The language to set is !", "3 The string is empty!"}},
     };
     for (const auto &c : languages) {
+        SCOPED_TRACE(c.text);
         const int nSent = sim->Calls("qorv_excute");
         tvhost::settings::SetString(kLanguageKey, c.text);
-        ASSERT_TRUE(RunUntil([&] { return log.Has(c.lines.back().substr(2)); })) << c.text;
-        EXPECT_EQ(sim->Calls("qorv_excute"), nSent + (c.sent ? 2 : 0)) << c.text;
+        ASSERT_TRUE(RunUntil([&] { return log.Has(c.lines.back().substr(2)); }));
+        EXPECT_EQ(sim->Calls("qorv_excute"), nSent + (c.sent ? 2 : 0));
         EXPECT_EQ(
             log.Count(std::string("CLumoraQorvHelper Begin to Execute strParam1 = ") + (c.sent ? c.sent : "") + "!"),
             c.sent ? 2 : 0);
@@ -92,14 +106,23 @@ TEST_F(ManagerTest, TheEngineStartsOnTheMainLoopOnceTheWidgetIsThereAndFollowsLa
                   Concat({"3 The keyName is [db/menu_widget/language]", std::string("3 Current Language is ") + c.text},
                          c.lines));
     }
+}
 
-    // The key turned integer is not read.
+TEST_F(ManagerTest, AnIntegerLanguageKeyIsNotRead)
+{
+    StartWithWidget();
+    ASSERT_TRUE(RunUntil([&] { return sim->Calls("qorv_excute") == 2; }));
+    log.Clear();
     tvhost::settings::SetInt(kLanguageKey, 5);
     ASSERT_TRUE(RunUntil([&] { return log.Has("The keyName is [db/menu_widget/language]"); }));
     tvhost::mainloop::RunFor(100ms);
     EXPECT_EQ(Own(log), Texts{"3 The keyName is [db/menu_widget/language]"});
+}
 
-    // Wi-Fi (1) and Ethernet (3) refresh the engine; none (0) and cellular (2) are only logged.
+// Wi-Fi (1) and Ethernet (3) refresh the engine; none (0) and cellular (2) are only logged.
+TEST_F(ManagerTest, OnlyWifiAndEthernetRefreshTheEngine)
+{
+    StartWithWidget();
     for (int nType : {0, 3, 1, 2}) {
         tvhost::network::SetType(nType);
         ASSERT_TRUE(RunUntil(
@@ -116,18 +139,24 @@ TEST_F(ManagerTest, TheEngineStartsOnTheMainLoopOnceTheWidgetIsThereAndFollowsLa
                            "4 m_ConnectionTypeChangedCB() is called. type : 3",
                            "4 m_ConnectionTypeChangedCB() is called. type : 1",
                            "4 m_ConnectionTypeChangedCB() is called. type : 2"}));
+}
 
-    // Removing the widget neither stops the engine nor is read by the pipe's
-    // handler; it only silences the network handler.
+// Removing the widget neither stops the engine nor is read by the pipe's
+// handler; it only silences the network handler. Installed again, the start
+// is asked for again, and the binding ignores it.
+TEST_F(ManagerTest, WidgetRemovalSilencesOnlyTheNetworkHandler)
+{
+    StartWithWidget();
+    ASSERT_TRUE(RunUntil([&] { return sim->Calls("qorv_excute") == 2; }));
+    log.Clear();
     tvhost::apps::SetInstalled(kWidgetApp, false);
     ASSERT_TRUE(RunUntil([&] { return log.Has("Enter into m_HandleWidgetInstall"); }));
     tvhost::network::SetType(1);
     tvhost::mainloop::RunFor(300ms);
     EXPECT_EQ(Own(log), Texts{"3 Enter into m_HandleWidgetInstall"});
-    EXPECT_EQ(sim->Calls("qorv_refresh"), 2);
+    EXPECT_EQ(sim->Calls("qorv_refresh"), 0);
     EXPECT_EQ(sim->Calls("qorv_stop"), 0);
 
-    // Installed again: the start is asked for again, and the binding ignores it.
     tvhost::apps::SetInstalled(kWidgetApp, true);
     ASSERT_TRUE(RunUntil([&] { return log.Has("CLumoraQorvHelper Lumora Helper has been started already!"); }));
     EXPECT_EQ(sim->Calls("qorv_start"), 1);
