@@ -1,27 +1,20 @@
 // The running service against what goes wrong around it: an engine library
-// missing or failing its start, a platform call refused, and hostile event
-// texts raised from another process. Each takes its defined path, the service
-// says why in its log, and it stays up with its watchdog in rhythm.
+// missing or failing its start, and a platform call refused. Each takes its
+// defined path, the service says why in its log, and it stays up with its
+// watchdog in rhythm. Hostile event texts are HostileInputTest's: the texts
+// reach the same parsers, and cross the control socket whole (Supervision).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <memory>
-#include <unistd.h>
 
 #include "LumoraTv.h"
 #include "Supervisor.h"
-#include "tvhost/notifications.h"
 #include "tvhost/tvhost.h"
 
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
-using ::testing::Not;
-using ::testing::Optional;
 namespace fs = std::filesystem;
-namespace noti = tvhost::notifications;
 
 namespace {
 
@@ -83,22 +76,6 @@ void RunWithoutEngine(const std::vector<std::string> &expectedLog)
     ExpectSupervised(tv.Terminate());
 }
 
-// A device notification shown as a pop-up titled name with body text.
-std::string Notification(const std::string &prolog, const std::string &id, const std::string &name,
-                         const std::string &text)
-{
-    return prolog + "<n id=\"1\"><Device id=\"" + id + "\">" + name + "</Device><Notification>" + text +
-           "</Notification><Action/><DisplayOption flag=\"On\" condition=\"Always\"/></n>";
-}
-
-void Raise(int nEvent, const std::string &text)
-{
-    const std::vector<std::string> args{"event", std::to_string(nEvent), "-"};
-    LumoraTvResult r = LumoraTv(args, text);
-    EXPECT_EQ(r.out, "event " + std::to_string(nEvent) + ": the service answered 0\n")
-        << Describe(args, r).substr(0, 2000);
-}
-
 } // namespace
 
 TEST_F(LumoraFault, AnEngineStartThatFailsLeavesTheServiceUp)
@@ -130,90 +107,4 @@ TEST_F(LumoraFault, ARefusedLanguageSubscriptionAtCreateIsOnlyLogged)
     EXPECT_TRUE(tv.WaitForLog(">CLumoraQorvHelper Begin to Execute strParam1 = ko_KR!", 10s)) << tv.Log();
     EXPECT_EQ(tv.CountInLog(">In app_lang_change"), 0);
     ExpectSupervised(tv.Terminate());
-}
-
-namespace {
-
-// Hostile event texts raised from another process into one running service:
-// the parsers' every path is the unit suites'; here the texts cross the
-// control socket and reach the viewer, and the service keeps its watchdog.
-class LumoraHostileEvents : public ::testing::Test {
-protected:
-    static void SetUpTestSuite()
-    {
-        ASSERT_EQ(LumoraTv({"reset"}).status, 0);
-        tv = std::make_unique<Supervisor>();
-        tv->Start({"--scenario", "quiet"});
-        ASSERT_TRUE(tv->WaitForLog("LumoraManager::Construct SetSystemLanguage strReturn = OK", 20s)) << tv->Log();
-    }
-    static void TearDownTestSuite()
-    {
-        if (tv->Running())
-            ExpectSupervised(tv->Terminate());
-        tv.reset();
-        LeaveHostTvFresh();
-    }
-    // The pop-up the last event put on screen.
-    static noti::Record LastShown()
-    {
-        std::vector<noti::Record> shown;
-        noti::remote::Error error;
-        EXPECT_TRUE(noti::remote::Shown(shown, error)) << error.text;
-        return shown.empty() ? noti::Record{} : shown.back();
-    }
-    static std::unique_ptr<Supervisor> tv;
-};
-std::unique_ptr<Supervisor> LumoraHostileEvents::tv;
-
-} // namespace
-
-TEST_F(LumoraHostileEvents, PrintfConversionsAreShownAndLoggedAsData)
-{
-    const std::string conv = "%s%n%s%x%p%99999999d%%";
-    Raise(5, Notification("", conv, conv, conv));
-    EXPECT_THAT(LastShown().title, Optional(conv));
-    EXPECT_THAT(LastShown().body, Optional(conv));
-    Raise(1, "<l><NewDevice id=\"" + conv + "\"><Type>" + conv + "</Type></NewDevice></l>");
-    EXPECT_EQ(LastShown().body.value_or("").rfind(conv + " 1", 0), 0u);
-    Raise(0, "<l><RegisteredDevice id=\"" + conv + "\"><Type>Air Conditioner</Type><Name>" + conv +
-                 "</Name></RegisteredDevice></l>");
-    Raise(12290, "<MasterKeyList><MasterKey id=\"" + conv + "\" name=\"" + conv + "\">" + conv +
-                     "</MasterKey></MasterKeyList>");
-    const std::string &log = tv->Log();
-    EXPECT_THAT(log, HasSubstr(">[CDeviceNotification], strCtrlName = [" + conv + "]"));
-    EXPECT_THAT(log, HasSubstr(">[CNewDeviceList] -----id:[" + conv + "], type:[" + conv + "]"));
-    EXPECT_THAT(log, HasSubstr(">Device list : strCtrlName = " + conv + "\n"));
-    EXPECT_THAT(log, HasSubstr(">add master key " + conv + "\n"));
-}
-
-TEST_F(LumoraHostileEvents, AnExternalEntityIsNeverRead)
-{
-    const std::string secret = "SECRET-MARKER-c41d";
-    char secretFile[] = "/tmp/lumora-secret-XXXXXX";
-    const int fd = mkstemp(secretFile);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    std::ofstream(secretFile) << secret;
-    const std::string external = std::string("<!DOCTYPE n [<!ENTITY ext SYSTEM \"file://") + secretFile + "\">]>";
-    Raise(5, Notification(external, "d", "external", "before&ext;after"));
-    EXPECT_THAT(LastShown().body, Optional(std::string("beforeafter")));
-    Raise(12290, external + "<MasterKeyList><MasterKey id=\"x\">key&ext;</MasterKey></MasterKeyList>");
-    EXPECT_THAT(tv->Log(), HasSubstr(">add master key key\n"));
-    EXPECT_THAT(tv->Log(), Not(HasSubstr(secret)));
-    std::remove(secretFile);
-}
-
-TEST_F(LumoraHostileEvents, TheTextEndsAtANulByte)
-{
-    Raise(5, Notification("", "d", "nul", "Filter") + '\0' + "<trailing garbage");
-    EXPECT_THAT(LastShown().body, Optional(std::string("Filter")));
-    EXPECT_THAT(tv->Log(), Not(HasSubstr("trailing garbage")));
-}
-
-TEST_F(LumoraHostileEvents, TensOfMegabytesAreShownInASummaryCutAt255)
-{
-    Raise(1, "<l><NewDevice id=\"big\"><Type>" + std::string(32u << 20, 'x') + "</Type></NewDevice></l>");
-    const std::string summary = LastShown().body.value_or("");
-    EXPECT_EQ(summary.find_first_not_of('x'), 255u) << summary.substr(0, 300);
-    EXPECT_TRUE(tv->Running());
 }
