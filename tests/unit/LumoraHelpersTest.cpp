@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <unistd.h>
 
@@ -21,7 +22,12 @@
 #include "tvhost/tvhost.h"
 
 namespace fs = std::filesystem;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::Field;
 using ::testing::HasSubstr;
+using Record = tvhost::log::Record;
 
 class CLumoraWidgetHelperTestPeer {
 public:
@@ -40,7 +46,6 @@ constexpr int kError = 6;
 const std::string kWidget = "PzKmRvTqXa.Lumora";
 const std::string kAppChange = "memory/was/app_change";
 using Lines = std::vector<std::string>;
-using Extra = std::vector<std::pair<std::string, std::string>>;
 
 std::vector<bool> g_reports;
 void OnInstalled(bool bInstalled)
@@ -163,7 +168,7 @@ TEST_F(DataFolderHelper, ALongCommandIsLoggedCutButRunWhole)
 
 namespace {
 
-class LumoraWidgetQuery : public ::testing::Test {
+class WidgetHelper : public ::testing::Test {
 protected:
     void SetUp() override
     {
@@ -179,7 +184,7 @@ protected:
 } // namespace
 
 // Up to five retries on -2; any other failure is final at once.
-TEST_F(LumoraWidgetQuery, InstalledRetriesOnlyWhileTheServiceIsBusy)
+TEST_F(WidgetHelper, InstalledRetriesOnlyWhileTheServiceIsBusy)
 {
     tvhost::apps::QueueAppInfoResult(-2, 6);
     EXPECT_FALSE(helper.IsWidgetInstalled(kWidget)) << "a sixth busy answer is final";
@@ -197,7 +202,7 @@ TEST_F(LumoraWidgetQuery, InstalledRetriesOnlyWhileTheServiceIsBusy)
     EXPECT_EQ(Calls("was_get_app_info"), 2);
 }
 
-TEST_F(LumoraWidgetQuery, LaunchedReadsTheStatus)
+TEST_F(WidgetHelper, LaunchedReadsTheStatus)
 {
     EXPECT_TRUE(helper.IsWidgetLaunched(kWidget));
     EXPECT_EQ(log.PriorityOf("=====The widget PzKmRvTqXa.Lumora has been launched !=====\n"), kDebug);
@@ -208,7 +213,7 @@ TEST_F(LumoraWidgetQuery, LaunchedReadsTheStatus)
 
 // Three failed status calls are final; a fourth, successful answer is never
 // asked for. A failed call that nevertheless set the status word ends the retries.
-TEST_F(LumoraWidgetQuery, LaunchedRetriesAFailedStatusCallTwice)
+TEST_F(WidgetHelper, LaunchedRetriesAFailedStatusCallTwice)
 {
     tvhost::apps::QueueAppStatusResult(-1, 0, 3);
     tvhost::apps::QueueAppStatusResult(0, 1);
@@ -221,26 +226,24 @@ TEST_F(LumoraWidgetQuery, LaunchedRetriesAFailedStatusCallTwice)
     EXPECT_EQ(Calls("was_get_app_status"), 1);
 }
 
-TEST(LumoraWidgetHelper, LaunchSendsTheDeviceEvenToARunningWidgetAndOnlyToAnInstalledOne)
+TEST_F(WidgetHelper, LaunchSendsTheDeviceEvenToARunningWidget)
 {
-    LogCapture log;
-    tvhost::apps::SetInstalled(kWidget, true);
-    tvhost::apps::SetRunning(kWidget, true);
-    CLumoraWidgetHelper helper;
     helper.LaunchWidget(kWidget, "dev-2");
     EXPECT_EQ(log.PriorityOf("=== The widget has been launched, then return it! ===\n"), kError);
     EXPECT_EQ(log.PriorityOf("=== Succeeded to launch a WebApp ====="), kError);
-    auto launches = tvhost::apps::Launches();
+    const auto launches = tvhost::apps::Launches();
     ASSERT_EQ(launches.size(), 1u);
     EXPECT_EQ(launches[0].operation, APP_CONTROL_OPERATION_DEFAULT);
-    EXPECT_EQ(launches[0].extraData, (Extra{{"deviceID", "dev-2"}}));
-    EXPECT_EQ(tvhost::apps::Calls(),
-              (Lines{"was_get_app_info", "was_get_app_info", "was_get_app_status", "app_control_create",
-                     "app_control_set_operation", "app_control_set_app_id", "app_control_add_extra_data",
-                     "app_control_send_launch_request", "app_control_destroy"}));
+    EXPECT_THAT(launches[0].extraData, ElementsAre(std::make_pair("deviceID", "dev-2")));
+    EXPECT_THAT(tvhost::apps::Calls(),
+                ElementsAre("was_get_app_info", "was_get_app_info", "was_get_app_status", "app_control_create",
+                            "app_control_set_operation", "app_control_set_app_id", "app_control_add_extra_data",
+                            "app_control_send_launch_request", "app_control_destroy"));
+}
 
-    // A refused request, or a handle that cannot be made, is only logged; the
-    // handle is released all the same and the device stored.
+// Only logged; the handle is released all the same and the device stored.
+TEST_F(WidgetHelper, ARefusedLaunchOrHandleIsOnlyLogged)
+{
     for (const char *fn : {"app_control_send_launch_request", "app_control_create"}) {
         SCOPED_TRACE(fn);
         tvhost::Reset();
@@ -251,58 +254,85 @@ TEST(LumoraWidgetHelper, LaunchSendsTheDeviceEvenToARunningWidgetAndOnlyToAnInst
         EXPECT_EQ(tvhost::apps::CallCount("app_control_destroy"), 1);
         EXPECT_EQ(CLumoraWidgetHelperTestPeer::DeviceID(helper), "dev-7");
     }
+}
 
-    // Not installed: nothing is sent and the last device is kept.
+TEST_F(WidgetHelper, NothingIsSentToAWidgetNotInstalled)
+{
+    helper.LaunchWidget(kWidget, "dev-7");
     tvhost::Reset();
     tvhost::apps::SetInstalled(kWidget, false);
     helper.LaunchWidget(kWidget, "dev-9");
     EXPECT_EQ(log.PriorityOf("=====The widget PzKmRvTqXa.Lumora has not been installed ====="), kError);
     EXPECT_EQ(tvhost::apps::CallCount("app_control_create"), 0);
-    EXPECT_EQ(CLumoraWidgetHelperTestPeer::DeviceID(helper), "dev-7");
+    EXPECT_EQ(CLumoraWidgetHelperTestPeer::DeviceID(helper), "dev-7") << "the last device is kept";
 }
 
-TEST(LumoraWidgetChecker, OnlyAnIntegerChangeChecksAndTheHandlerHearsOnlyChangesOfTheState)
-{
+namespace {
+
+class WidgetChecker : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        tvhost::apps::SetInstalled(kWidget, true);
+        tvhost::Reset();
+        g_reports.clear();
+        checker = std::make_unique<CLumoraWidgetChecker>();
+    }
+    bool Installed() const { return CLumoraWidgetCheckerTestPeer::Installed(*checker); }
     LogCapture log;
-    tvhost::apps::SetInstalled(kWidget, true);
-    tvhost::Reset();
-    g_reports.clear();
-    CLumoraWidgetChecker checker;
+    std::unique_ptr<CLumoraWidgetChecker> checker;
+};
+
+} // namespace
+
+TEST_F(WidgetChecker, AStringChangeIsDeliveredButNotChecked)
+{
     EXPECT_EQ(tvhost::settings::Subscribers(kAppChange), 1);
     EXPECT_TRUE(log.Records().empty());
     tvhost::settings::SetString(kAppChange, "7");
     ASSERT_TRUE(log.Has("The keyName is [memory/was/app_change]")) << "the change was delivered";
     EXPECT_EQ(tvhost::apps::CallCount("was_get_app_info"), 0);
     EXPECT_EQ(tvhost::settings::CallCount("vconf_get_int"), 0);
-    EXPECT_FALSE(CLumoraWidgetCheckerTestPeer::Installed(checker));
+    EXPECT_FALSE(Installed());
+}
 
-    // A change before the handler is set updates the state silently; the
-    // handler then hears only what differs from it.
-    log.Clear();
+// A change before the handler is set updates the state silently.
+TEST_F(WidgetChecker, AnIntegerChangeChecksTheWidget)
+{
     tvhost::settings::SetInt(kAppChange, 41);
-    EXPECT_TRUE(CLumoraWidgetCheckerTestPeer::Installed(checker));
-    EXPECT_EQ(log.Messages(),
-              (Lines{"===== CLumoraWidgetChecker in m_CbWasAppChanged function 1 =====",
-                     "===== CLumoraWidgetChecker in m_CbWasAppChanged function 2 =====",
-                     "===== CLumoraWidgetChecker in m_CbWasAppChanged function 3 =====",
-                     "The keyName is [memory/was/app_change]", "Get the app change value success nValue = [41]",
-                     "===== CLumoraWidgetChecker in loop function 1 =====", "=== Begin to get app info ! ===",
-                     "=== The widget PzKmRvTqXa.Lumora is installed! ===",
-                     "===== CLumoraWidgetChecker in loop function 2 ====="}));
+    EXPECT_TRUE(Installed());
+    EXPECT_THAT(log.Messages(),
+                ElementsAre("===== CLumoraWidgetChecker in m_CbWasAppChanged function 1 =====",
+                            "===== CLumoraWidgetChecker in m_CbWasAppChanged function 2 =====",
+                            "===== CLumoraWidgetChecker in m_CbWasAppChanged function 3 =====",
+                            "The keyName is [memory/was/app_change]", "Get the app change value success nValue = [41]",
+                            "===== CLumoraWidgetChecker in loop function 1 =====", "=== Begin to get app info ! ===",
+                            "=== The widget PzKmRvTqXa.Lumora is installed! ===",
+                            "===== CLumoraWidgetChecker in loop function 2 ====="));
+}
+
+TEST_F(WidgetChecker, TheHandlerHearsOnlyChangesOfTheState)
+{
+    tvhost::settings::SetInt(kAppChange, 41);
     log.Clear();
-    checker.SetWidgetInstalledCB(OnInstalled);
+    checker->SetWidgetInstalledCB(OnInstalled);
     EXPECT_TRUE(g_reports.empty());
     EXPECT_EQ(log.Messages().back(), "===== CLumoraWidgetChecker in SetWidgetInstalledCB function =====");
     EXPECT_EQ(log.Messages().size(), 5u) << "checked again at once";
     tvhost::apps::SetInstalled(kWidget, false); // bumps the key
     tvhost::settings::SetInt(kAppChange, 42);
-    EXPECT_EQ(g_reports, std::vector<bool>{false});
+    EXPECT_THAT(g_reports, ElementsAre(false));
+}
 
-    // The value of the key means nothing, and a failed read still checks.
+// The value of the key means nothing.
+TEST_F(WidgetChecker, AFailedReadStillChecks)
+{
+    tvhost::settings::SetInt(kAppChange, 41);
+    checker->SetWidgetInstalledCB(OnInstalled);
     log.Clear();
     tvhost::settings::QueueResult("vconf_get_int", -1);
-    tvhost::apps::SetInstalled(kWidget, true);
-    EXPECT_EQ(g_reports, (std::vector<bool>{false, true}));
+    tvhost::apps::SetInstalled(kWidget, false);
+    EXPECT_THAT(g_reports, ElementsAre(false));
     EXPECT_TRUE(log.Has("===== CLumoraWidgetChecker in loop function 2 ====="));
     EXPECT_TRUE(tvhost::log::Find("Get the app change value success").empty());
 }
@@ -314,9 +344,10 @@ TEST(LumoraTvControl, PowerOffAsksForKindThreeAndReportsWhetherItWasAccepted)
     tvhost::power::QueueResult(5); // any refusal counts
     EXPECT_FALSE(control.PowerOff());
     EXPECT_TRUE(control.PowerOff());
-    EXPECT_EQ(tvhost::power::Requests(), (std::vector<int>{3, 3}));
-    EXPECT_EQ(log.Messages(),
-              (Lines{"CLumoraTvControl failed to power off the TV!", "CLumoraTvControl success to power off the TV!"}));
-    for (const auto &record : log.Records())
-        EXPECT_EQ(record.priority, kDebug);
+    EXPECT_THAT(tvhost::power::Requests(), ElementsAre(3, 3));
+    EXPECT_THAT(log.Records(),
+                ElementsAre(AllOf(Field(&Record::priority, kDebug),
+                                  Field(&Record::text, EndsWith(">CLumoraTvControl failed to power off the TV!"))),
+                            AllOf(Field(&Record::priority, kDebug),
+                                  Field(&Record::text, EndsWith(">CLumoraTvControl success to power off the TV!")))));
 }
