@@ -76,13 +76,6 @@ TEST_F(LumoraTvCommand, WrongCommandLinesExitWithUsageStatusAndSayWhatIsWrong)
     }
 }
 
-TEST_F(LumoraTvCommand, HelpExplainsButtonNumbers)
-{
-    const LumoraTvResult help = LumoraTv({"help"});
-    EXPECT_EQ(help.status, 0);
-    EXPECT_THAT(help.out, HasSubstr("BUTTON counts from 0, left to"));
-}
-
 TEST_F(LumoraTvCommand, ResetLeavesTheFreshHostTv)
 {
     ASSERT_EQ(device_power_request_poweroff(3), 0) << "no main loop here: only the record is written";
