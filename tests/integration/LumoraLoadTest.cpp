@@ -22,6 +22,14 @@ namespace {
 constexpr auto kLoadTime = 60s;
 constexpr int kRounds = 20000;
 
+int Count(const std::string &text, const std::string &needle)
+{
+    int n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + needle.size()))
+        ++n;
+    return n;
+}
+
 } // namespace
 
 TEST(LumoraLoad, AStormWithPressesAndLanguageFlipsKeepsTheServiceUpAndFed)
@@ -53,10 +61,12 @@ TEST(LumoraLoad, AStormWithPressesAndLanguageFlipsKeepsTheServiceUpAndFed)
     bStop = true;
     driver.join();
     ASSERT_TRUE(tv.Running()) << tv.Log().substr(0, 4000);
-    const int nRounds = tv.CountInLog("Enter LumoraManager::OnQorvEvent, event type is 12290,");
-    const int nDevicePopups = tv.CountInLog(">LumoraNotification::m_AddDeviceNotification show the notification");
-    const int nNewDevicePopups = tv.CountInLog(">LumoraNotification::m_AddNewDeviceFound");
-    const int nKorean = tv.CountInLog(">CLumoraQorvHelper Begin to Execute strParam1 = ko_KR!");
+    // One snapshot: the storm goes on while it is counted.
+    const std::string log = tv.Log();
+    const int nRounds = Count(log, "Enter LumoraManager::OnQorvEvent, event type is 12290,");
+    const int nDevicePopups = Count(log, ">LumoraNotification::m_AddDeviceNotification show the notification");
+    const int nNewDevicePopups = Count(log, ">LumoraNotification::m_AddNewDeviceFound");
+    const int nKorean = Count(log, ">CLumoraQorvHelper Begin to Execute strParam1 = ko_KR!");
     const Supervision seen = tv.Terminate(30s);
     ExpectSupervised(seen);
 
