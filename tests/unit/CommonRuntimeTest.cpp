@@ -3,8 +3,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <future>
 #include <libxml/parser.h>
 #include <thread>
 #include <unistd.h>
@@ -23,31 +22,17 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-// Counts what another thread did; a test blocks until enough was done (the
+// Set by another thread the second time round; a test blocks on it (the
 // timeout only keeps a broken build from hanging).
-class Counter {
-public:
-    void Add()
+struct Second {
+    std::atomic<size_t> n{0};
+    std::promise<void> reached;
+    void Count()
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        ++m_n;
-        m_changed.notify_all();
+        if (++n == 2)
+            reached.set_value();
     }
-    size_t Value()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_n;
-    }
-    bool WaitFor(size_t n)
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, 30s, [&] { return m_n >= n; });
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    size_t m_n = 0;
+    bool Wait() { return reached.get_future().wait_for(30s) == std::future_status::ready; }
 };
 
 } // namespace
@@ -159,9 +144,9 @@ struct Worker : CThread {
 };
 
 struct Looper : CLoop {
-    Counter loops;
+    Second loops;
     bool StopFlag() const { return m_bStop; }
-    void t_Loop() override { loops.Add(), CThread::Sleep(5); }
+    void t_Loop() override { loops.Count(), CThread::Sleep(5); }
 };
 
 } // namespace
@@ -191,27 +176,26 @@ TEST(ExtThread, ALoopStopsOnDestroyOnly)
     ASSERT_TRUE(l.Create());
     EXPECT_FALSE(l.Create());
     EXPECT_FALSE(l.StopFlag()) << "a refused Create must not stop the running loop";
-    ASSERT_TRUE(l.loops.WaitFor(2));
+    ASSERT_TRUE(l.loops.Wait());
     l.Destroy();
     EXPECT_TRUE(l.StopFlag());
-    const size_t nAfterStop = l.loops.Value();
+    const size_t nAfterStop = l.loops.n;
     std::this_thread::sleep_for(50ms);
-    EXPECT_EQ(l.loops.Value(), nAfterStop);
+    EXPECT_EQ(l.loops.n, nAfterStop);
 }
 
 namespace {
 
 // when is written by the timer thread only; read by the test after a join.
 struct Ticks {
-    Counter n;
+    Second n;
     Clock::time_point when[16];
     static void Callback(void *pArg)
     {
         auto *self = static_cast<Ticks *>(pArg);
-        const size_t i = self->n.Value();
-        if (i < 16)
-            self->when[i] = Clock::now();
-        self->n.Add();
+        if (self->n.n < 16)
+            self->when[self->n.n] = Clock::now();
+        self->n.Count();
     }
 };
 
@@ -228,14 +212,14 @@ TEST(Timer, ReadinessMessageOnceTicksEveryPeriodAndOnceMoreAfterStop)
     ASSERT_EQ(timer.StartTimer(), 0);
     ASSERT_TRUE(sock.WaitFor(1, 30s));
     EXPECT_EQ(sock.Messages()[0].text, "READY=1\nsd_notify READY Proc : RAApp(" + std::to_string(getpid()) + ")");
-    ASSERT_TRUE(ticks.n.WaitFor(2));
+    ASSERT_TRUE(ticks.n.Wait());
     // Away from the tick just seen, into the next wait; the stop is seen only
     // after that wait and its callback.
     std::this_thread::sleep_for(300ms);
-    const size_t nBeforeStop = ticks.n.Value();
+    const size_t nBeforeStop = ticks.n.n;
     EXPECT_EQ(timer.StopTimer(), 0);
-    EXPECT_EQ(ticks.n.Value(), nBeforeStop + 1);
-    for (size_t i = 0; i < ticks.n.Value() && i < 16; ++i)
+    EXPECT_EQ(ticks.n.n, nBeforeStop + 1);
+    for (size_t i = 0; i < ticks.n.n && i < 16; ++i)
         EXPECT_GE(ticks.when[i] - t0, std::chrono::seconds(i + 1)) << "tick " << i << " came early";
     EXPECT_EQ(sock.Messages().size(), 1u) << "one readiness message per timer thread";
 }
