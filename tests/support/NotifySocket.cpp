@@ -1,5 +1,6 @@
 #include "NotifySocket.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -47,9 +48,14 @@ NotifySocket::~NotifySocket()
 void NotifySocket::Listen()
 {
     struct pollfd pfd[2] = {{m_fd, POLLIN, 0}, {m_stop[0], POLLIN, 0}};
-    while (poll(pfd, 2, -1) >= 0 && !(pfd[1].revents & POLLIN)) {
-        if (!(pfd[0].revents & POLLIN))
-            continue;
+    for (;;) {
+        if (poll(pfd, 2, -1) < 0) {
+            if (errno == EINTR)
+                continue;
+            std::abort(); // a listener that stopped would fail every later wait
+        }
+        if (pfd[1].revents & POLLIN)
+            return;
         char buf[4096];
         const ssize_t n = recv(m_fd, buf, sizeof buf, MSG_DONTWAIT);
         if (n < 0)
