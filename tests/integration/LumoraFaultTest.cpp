@@ -1,9 +1,8 @@
 // The running service against what goes wrong around it: an engine library
-// missing or failing its start, and a platform call refused. Each takes its
+// failing its start, and a platform call refused. Each takes its
 // defined path, the service says why in its log, and it stays up with its
 // watchdog in rhythm. Hostile event texts are HostileInputTest's: the texts
 // reach the same parsers, and cross the control socket whole (Supervision).
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -13,7 +12,6 @@
 #include "tvhost/tvhost.h"
 
 using namespace std::chrono_literals;
-using ::testing::HasSubstr;
 namespace fs = std::filesystem;
 
 namespace {
@@ -24,8 +22,8 @@ protected:
     void TearDown() override { LeaveHostTvFresh(); }
 };
 
-// Swaps the engine library of the TV root for a test's stand-in, or takes it
-// away, and puts the real one back even when the test fails. A library left
+// Swaps the engine library of the TV root for a test's stand-in, and puts the
+// real one back even when the test fails. A library left
 // aside by a run that was killed is put back first.
 class EngineLibrarySwap {
 public:
@@ -33,8 +31,7 @@ public:
     {
         Restore();
         fs::rename(Library(), Saved());
-        if (!replacement.empty())
-            fs::copy_file(replacement, Library());
+        fs::copy_file(replacement, Library());
     }
     ~EngineLibrarySwap() { Restore(); }
 
@@ -55,41 +52,22 @@ private:
     }
 };
 
-// Runs the service until the engine start failed and one more watchdog
-// message came; checks what a person can find out and that SIGTERM ends it.
-void RunWithoutEngine(const std::vector<std::string> &expectedLog)
-{
-    Supervisor tv;
-    tv.Start({"--scenario", "demo"});
-    ASSERT_TRUE(tv.WaitForLog(">Fail to Start the QORV!", 20s)) << tv.Log();
-    for (const auto &line : expectedLog)
-        EXPECT_EQ(tv.CountInLog(line), 1) << line << "\n" << tv.Log();
-    EXPECT_EQ(tv.CountInLog(">Success to start qorv!"), 0);
-
-    EXPECT_TRUE(tv.WaitForMessages(tv.Messages().size() + 1, 8s)) << "the watchdog stopped after the failed start";
-    LumoraTvResult r = LumoraTv({"status"});
-    EXPECT_THAT(r.out, HasSubstr("service:   running (pid " + std::to_string(tv.Pid()) + ")"));
-    EXPECT_THAT(r.out, HasSubstr("engine:    not started"));
-    r = LumoraTv({"event", "12291", "-"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_THAT(r.err, HasSubstr("is not started"));
-    ExpectSupervised(tv.Terminate());
-}
-
 } // namespace
 
-TEST_F(LumoraFault, AnEngineStartThatFailsLeavesTheServiceUp)
+// A missing library takes the same path; its log lines are the binding's
+// suite's. What lumora-tv says of an engine not started is Supervision's.
+TEST_F(LumoraFault, AnEngineStartThatFailsLeavesTheServiceUpAndFed)
 {
     const std::string variant = std::string(QORV_SIM_VARIANT_DIR) + "/libqorv_startfails.so";
     ASSERT_TRUE(fs::exists(variant)) << variant << " is missing: build the qorv_sim_variants target";
     EngineLibrarySwap swap(variant);
-    RunWithoutEngine({">Start QORV failed!"});
-}
-
-TEST_F(LumoraFault, AMissingEngineLibraryLeavesTheServiceUp)
-{
-    EngineLibrarySwap swap("");
-    RunWithoutEngine({">Open the qorv helper library failed!", ">CLumoraQorvHelper the m_pQorv_Start is NULL!"});
+    Supervisor tv;
+    tv.Start({"--scenario", "demo"});
+    ASSERT_TRUE(tv.WaitForLog(">Fail to Start the QORV!", 20s)) << tv.Log();
+    EXPECT_EQ(tv.CountInLog(">Start QORV failed!"), 1);
+    EXPECT_EQ(tv.CountInLog(">Success to start qorv!"), 0);
+    EXPECT_TRUE(tv.WaitForMessages(tv.Messages().size() + 1, 8s)) << "the watchdog stopped after the failed start";
+    ExpectSupervised(tv.Terminate());
 }
 
 // The platform call that only the real binary makes: the entry point's
