@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <sstream>
 
 #include "LogCapture.h"
@@ -81,6 +82,7 @@ protected:
     {
         noti::DrawTo(nullptr);
         WidgetIs(false, false);
+        ASSERT_TRUE(bListParsed);
     }
     void TearDown() override { apps::SetInstalled(kWidget, false); }
     static void WidgetIs(bool bInstalled, bool bRunning)
@@ -88,27 +90,25 @@ protected:
         apps::SetInstalled(kWidget, bInstalled);
         apps::SetRunning(kWidget, bRunning);
     }
+    CNewDeviceList list;
+    const bool bListParsed = list.Parse(kNewDevices, ""); // before the capture begins
     LogCapture log;
+    std::unique_ptr<LumoraNotification> presenter = std::make_unique<LumoraNotification>();
 };
 
 TEST_F(LumoraNotificationTest, TheServiceIsOpenedWithBothCallbacksAndClosedAtTheEnd)
 {
-    {
-        LumoraNotification presenter;
-        EXPECT_THAT(noti::Calls(),
-                    ElementsAre("init_notification_data_manager", "register_notification_button_callback",
-                                "register_notification_timeout_callback"));
-        EXPECT_THAT(log.Messages(),
-                    ElementsAre("InitNotificationDataManager Begin", "InitNotificationDataManager End"));
-    }
+    EXPECT_THAT(noti::Calls(), ElementsAre("init_notification_data_manager", "register_notification_button_callback",
+                                           "register_notification_timeout_callback"));
+    EXPECT_THAT(log.Messages(), ElementsAre("InitNotificationDataManager Begin", "InitNotificationDataManager End"));
+    presenter.reset();
     EXPECT_EQ(noti::Calls().back(), "close_notification_data_manager");
 }
 
 TEST_F(LumoraNotificationTest, AHiddenNotificationAsksNothing)
 {
-    LumoraNotification presenter;
     auto off = Device("d0", "Always", false);
-    EXPECT_EQ(presenter.Add(5, &off), 0);
+    EXPECT_EQ(presenter->Add(5, &off), 0);
     EXPECT_EQ(apps::CallCount("was_get_app_info"), 0);
     EXPECT_TRUE(noti::Posted().empty());
 }
@@ -116,7 +116,6 @@ TEST_F(LumoraNotificationTest, AHiddenNotificationAsksNothing)
 // The widget not installed, not running, running; only shown ones take an id.
 TEST_F(LumoraNotificationTest, TheButtonsOfADeviceNotificationFollowTheWidget)
 {
-    LumoraNotification presenter;
     const char *const kGo = "n=2 answer=0 [SID_CLOSE i_close_cancel.png] [TV_SID_GO_TO_LUMORA i_go.png] [- -]";
     const struct {
         bool bInstalled, bRunning;
@@ -134,7 +133,7 @@ TEST_F(LumoraNotificationTest, TheButtonsOfADeviceNotificationFollowTheWidget)
         log.Clear();
         const std::string id = std::to_string(noti::Posted().size() + 1);
         auto n = Device("dev", c.condition);
-        EXPECT_EQ(presenter.Add(5, &n), c.words ? 1 : 0);
+        EXPECT_EQ(presenter->Add(5, &n), c.words ? 1 : 0);
         EXPECT_EQ(log.Messages().back(),
                   std::string("LumoraNotification::m_AddDeviceNotification ") +
                       (c.words ? "show the notification" : "this is notification is no need to show"));
@@ -148,13 +147,10 @@ TEST_F(LumoraNotificationTest, TheButtonsOfADeviceNotificationFollowTheWidget)
 // The summary with a message appended; ids go on across kinds.
 TEST_F(LumoraNotificationTest, NewAndUnknownDevicesShowTheSummary)
 {
-    LumoraNotification presenter;
     auto n = Device("dev", "Other");
-    ASSERT_EQ(presenter.Add(5, &n), 1);
-    CNewDeviceList list;
-    ASSERT_TRUE(list.Parse(kNewDevices, ""));
-    EXPECT_EQ(presenter.Add(1, &list), 1);
-    EXPECT_EQ(Peer::AddUnknown(presenter, &list), 1);
+    ASSERT_EQ(presenter->Add(5, &n), 1);
+    EXPECT_EQ(presenter->Add(1, &list), 1);
+    EXPECT_EQ(Peer::AddUnknown(*presenter, &list), 1);
     const auto posted = noti::Posted();
     ASSERT_EQ(posted.size(), 3u);
     const std::string head = "112 'org.kelvar.lumora' #",
@@ -166,24 +162,19 @@ TEST_F(LumoraNotificationTest, NewAndUnknownDevicesShowTheSummary)
 
 TEST_F(LumoraNotificationTest, EveryPostedItemIsTakenDownInOrderAtTheEnd)
 {
-    {
-        LumoraNotification presenter;
-        auto n = Device("dev", "Other");
-        CNewDeviceList list;
-        ASSERT_TRUE(list.Parse(kNewDevices, ""));
-        ASSERT_EQ(presenter.Add(5, &n), 1);
-        ASSERT_EQ(presenter.Add(1, &list), 1);
-        ASSERT_EQ(presenter.Add(5, &n), 1);
-    }
+    auto n = Device("dev", "Other");
+    ASSERT_EQ(presenter->Add(5, &n), 1);
+    ASSERT_EQ(presenter->Add(1, &list), 1);
+    ASSERT_EQ(presenter->Add(5, &n), 1);
+    presenter.reset();
     EXPECT_THAT(noti::Removals(), ElementsAre(Removal(1), Removal(2), Removal(3)));
 }
 
 TEST_F(LumoraNotificationTest, OnlyTheSecondButtonOfALaunchItemLaunchesTheWidgetForItsDevice)
 {
-    LumoraNotification presenter;
     WidgetIs(true, false);
     auto n = Device("washer-7", "Always");
-    ASSERT_EQ(presenter.Add(5, &n), 1);
+    ASSERT_EQ(presenter->Add(5, &n), 1);
     log.Clear();
     ASSERT_TRUE(noti::PressButton(1, 0));
     noti::WaitDelivered();
@@ -201,24 +192,20 @@ TEST_F(LumoraNotificationTest, OnlyTheSecondButtonOfALaunchItemLaunchesTheWidget
 // The widget runs: the item is of type 0 and ignores both buttons.
 TEST_F(LumoraNotificationTest, AnOkItemLaunchesNothing)
 {
-    LumoraNotification presenter;
     WidgetIs(true, true);
     auto ok = Device("washer-8", "Always");
-    ASSERT_EQ(presenter.Add(5, &ok), 1);
+    ASSERT_EQ(presenter->Add(5, &ok), 1);
     ASSERT_TRUE(noti::PressButton(1, 0));
     noti::WaitDelivered();
-    Peer::Press(1, 1, &presenter);
+    Peer::Press(1, 1, presenter.get());
     EXPECT_EQ(log.Count("m_OnNotificationButtonCallback: pNotiItem->nType = 0"), 2);
     EXPECT_TRUE(apps::Launches().empty());
 }
 
 TEST_F(LumoraNotificationTest, ANewDeviceItemLaunchesWithTheEmptyDevice)
 {
-    LumoraNotification presenter;
     WidgetIs(true, false);
-    CNewDeviceList list;
-    ASSERT_TRUE(list.Parse(kNewDevices, ""));
-    ASSERT_EQ(presenter.Add(1, &list), 1);
+    ASSERT_EQ(presenter->Add(1, &list), 1);
     ASSERT_TRUE(noti::PressButton(1, 1));
     noti::WaitDelivered();
     EXPECT_THAT(apps::Launches(), ElementsAre(LaunchOf("")));
@@ -226,10 +213,9 @@ TEST_F(LumoraNotificationTest, ANewDeviceItemLaunchesWithTheEmptyDevice)
 
 TEST_F(LumoraNotificationTest, APressWithoutPresenterAndATimeoutAreOnlyLogged)
 {
-    LumoraNotification presenter;
     WidgetIs(true, false);
     auto n = Device("washer-7", "Always");
-    ASSERT_EQ(presenter.Add(5, &n), 1);
+    ASSERT_EQ(presenter->Add(5, &n), 1);
     log.Clear();
     Peer::Press(1, 1, nullptr);
     ASSERT_TRUE(noti::TimeOut(1));
