@@ -26,16 +26,16 @@ struct TempFile {
         path = tmpl;
     }
     ~TempFile() { unlink(path.c_str()); }
-    std::string Read() const
-    {
-        std::ifstream in(path, std::ios::binary);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        return ss.str();
-    }
 };
 
 } // namespace
+
+std::string ReadFile(const std::string &path)
+{
+    std::stringstream ss;
+    ss << std::ifstream(path, std::ios::binary).rdbuf();
+    return ss.str();
+}
 
 std::string LumoraTvBinary()
 {
@@ -76,8 +76,8 @@ LumoraTvResult LumoraTv(const std::vector<std::string> &args, const std::string 
     while (waitpid(pid, &wstatus, 0) < 0) {}
     LumoraTvResult result;
     result.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
-    result.out = out.Read();
-    result.err = err.Read();
+    result.out = ReadFile(out.path);
+    result.err = ReadFile(err.path);
     return result;
 }
 

@@ -13,6 +13,9 @@ struct LumoraTvResult {
 
 std::string LumoraTvBinary();
 
+// The whole of a file; empty when it cannot be read.
+std::string ReadFile(const std::string &path);
+
 // args after the program name; input is fed to its standard input.
 LumoraTvResult LumoraTv(const std::vector<std::string> &args, const std::string &input = "");
 

@@ -8,11 +8,11 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <sstream>
 #include <unistd.h>
 
 #include "DataFolderHelper.h"
 #include "LogCapture.h"
+#include "LumoraTv.h"
 #include "LumoraTvControl.h"
 #include "LumoraWidgetChecker.h"
 #include "LumoraWidgetHelper.h"
@@ -51,13 +51,6 @@ std::vector<bool> g_reports;
 void OnInstalled(bool bInstalled)
 {
     g_reports.push_back(bInstalled);
-}
-
-std::string ReadAll(const std::string &path)
-{
-    std::stringstream s;
-    s << std::ifstream(path).rdbuf();
-    return s.str();
 }
 
 // PATH as on the TV, its own tools first, behind a folder with one tool that fails.
@@ -115,9 +108,9 @@ TEST_F(DataFolderHelper, FirstRunPreparesTheFolder)
     EXPECT_TRUE(CDataFolderHelper().CreateDataFolder());
     EXPECT_EQ(log.Messages(), LogOf(commands, {"[CreateQORVDataFolder] end"}));
     EXPECT_EQ(log.PriorityOf("[CreateQORVDataFolder] begin"), kDebug);
-    EXPECT_EQ(ReadAll(data + "/mode.xml"), ReadAll(shipped));
+    EXPECT_EQ(ReadFile(data + "/mode.xml"), ReadFile(shipped));
     EXPECT_EQ(fs::status(data + "/mode.xml").permissions(), fs::perms::all);
-    EXPECT_THAT(ReadAll(labels), HasSubstr(fs::canonical(data).string() + "\torg.kelvar.lumora\torg.kelvar.lumora\n"));
+    EXPECT_THAT(ReadFile(labels), HasSubstr(fs::canonical(data).string() + "\torg.kelvar.lumora\torg.kelvar.lumora\n"));
 }
 
 TEST_F(DataFolderHelper, LaterRunsLeaveItAloneButCopyAMissingFile)
@@ -161,7 +154,7 @@ TEST_F(DataFolderHelper, ALongCommandIsLoggedCutButRunWhole)
     const std::string text(300 - std::strlen("printf %s ") - (" > " + out).size() - 3, 'x');
     const std::string command = "printf %s " + text + "END > " + out;
     EXPECT_TRUE(CDataFolderHelper().ExecuteCommand(command));
-    EXPECT_EQ(ReadAll(out), text + "END");
+    EXPECT_EQ(ReadFile(out), text + "END");
     EXPECT_EQ(log.Messages(), Lines{"[ExecuteCommand] the command is '" + command.substr(0, 256) + "'"});
     fs::remove(out);
 }
