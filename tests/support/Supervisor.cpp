@@ -135,12 +135,6 @@ void Supervisor::Spawn(std::vector<std::string> argv, const std::vector<std::str
     lseek(m_logFd, 0, SEEK_SET);
 }
 
-void Supervisor::Signal(int sig)
-{
-    if (m_pid > 0)
-        kill(m_pid, sig);
-}
-
 void Supervisor::Reap()
 {
     int status = 0;
@@ -173,7 +167,8 @@ int Supervisor::Wait(std::chrono::milliseconds timeout)
 
 Supervision Supervisor::Terminate(std::chrono::milliseconds timeout)
 {
-    Signal(SIGTERM);
+    if (m_pid > 0)
+        kill(m_pid, SIGTERM);
     return Ended(timeout);
 }
 
@@ -236,6 +231,9 @@ bool Supervisor::WaitForLog(const std::string &text, std::chrono::milliseconds t
     }
 }
 
+namespace {
+
+// The texts the service sends to its supervisor.
 std::string ReadinessOf(const std::string &name, pid_t pid)
 {
     return "READY=1\nsd_notify READY Proc : " + name + "(" + std::to_string(pid) + ")";
@@ -245,6 +243,8 @@ std::string WatchdogOf(pid_t pid)
 {
     return "WATCHDOG=1\nsd_notify WATCHDOG Proc : lumora(" + std::to_string(pid) + ")";
 }
+
+} // namespace
 
 Supervision Judge(const std::vector<NotifySocket::Message> &messages, pid_t pid, Supervisor::Clock::time_point start,
                   Supervisor::Clock::time_point end)

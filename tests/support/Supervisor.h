@@ -39,7 +39,6 @@ public:
     pid_t Pid() const { return m_pidStarted; }
     Clock::time_point StartedAt() const { return m_started; }
 
-    void Signal(int sig);
     bool Running();
     // The exit status as waitpid gives it, or -1 when it still runs after timeout.
     int Wait(std::chrono::milliseconds timeout);
@@ -82,10 +81,6 @@ private:
     int m_nStatus = -1;
     Clock::time_point m_started;
 };
-
-// The texts the service sends to its supervisor.
-std::string ReadinessOf(const std::string &name, pid_t pid);
-std::string WatchdogOf(pid_t pid);
 
 // The timer thread's readiness ("RAApp") comes first; the service's own
 // ("lumora") once, right before the first watchdog message; every other

@@ -169,7 +169,6 @@ protected:
         tvhost::apps::SetRunning(kWidget, true);
         tvhost::Reset();
     }
-    static int Calls(const char *fn) { return tvhost::apps::CallCount(fn); }
     LogCapture log;
     CLumoraWidgetHelper helper;
 };
@@ -181,18 +180,18 @@ TEST_F(WidgetHelper, InstalledRetriesOnlyWhileTheServiceIsBusy)
 {
     tvhost::apps::QueueAppInfoResult(-2, 6);
     EXPECT_FALSE(helper.IsWidgetInstalled(kWidget)) << "a sixth busy answer is final";
-    EXPECT_EQ(Calls("was_get_app_info"), 6);
+    EXPECT_EQ(tvhost::apps::CallCount("was_get_app_info"), 6);
     EXPECT_EQ(log.Count("=== Begin to get app info ! ==="), 6);
     EXPECT_EQ(log.PriorityOf("=== The widget PzKmRvTqXa.Lumora is not installed! ==="), kDebug);
     tvhost::Reset();
     tvhost::apps::QueueAppInfoResult(-2, 5);
     EXPECT_TRUE(helper.IsWidgetInstalled(kWidget));
-    EXPECT_EQ(Calls("was_get_app_info"), 6);
+    EXPECT_EQ(tvhost::apps::CallCount("was_get_app_info"), 6);
     tvhost::Reset();
     tvhost::apps::QueueAppInfoResult(-2);
     tvhost::apps::QueueAppInfoResult(-1);
     EXPECT_FALSE(helper.IsWidgetInstalled(kWidget));
-    EXPECT_EQ(Calls("was_get_app_info"), 2);
+    EXPECT_EQ(tvhost::apps::CallCount("was_get_app_info"), 2);
 }
 
 TEST_F(WidgetHelper, LaunchedReadsTheStatus)
@@ -211,12 +210,12 @@ TEST_F(WidgetHelper, LaunchedRetriesAFailedStatusCallTwice)
     tvhost::apps::QueueAppStatusResult(-1, 0, 3);
     tvhost::apps::QueueAppStatusResult(0, 1);
     EXPECT_FALSE(helper.IsWidgetLaunched(kWidget));
-    EXPECT_EQ(Calls("was_get_app_status"), 3);
+    EXPECT_EQ(tvhost::apps::CallCount("was_get_app_status"), 3);
     EXPECT_EQ(log.Count("=====Get the widget PzKmRvTqXa.Lumora info error =====\n"), 3);
     tvhost::Reset();
     tvhost::apps::QueueAppStatusResult(-1, 1);
     EXPECT_FALSE(helper.IsWidgetLaunched(kWidget));
-    EXPECT_EQ(Calls("was_get_app_status"), 1);
+    EXPECT_EQ(tvhost::apps::CallCount("was_get_app_status"), 1);
 }
 
 TEST_F(WidgetHelper, LaunchSendsTheDeviceEvenToARunningWidget)

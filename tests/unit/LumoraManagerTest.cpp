@@ -81,7 +81,8 @@ TEST_F(ManagerTest, EngineStartsOnTheMainLoopThreeSecondsLater)
                                kLanguageSent));
 }
 
-// Both commands with the part before the first dot, if any.
+// Both commands with the part before the first dot, if any; none for a text
+// without one, or a key turned integer.
 TEST_F(ManagerTest, LanguageChangeSendsBothCommandsOrNone)
 {
     StartWithWidget();
@@ -109,13 +110,7 @@ TEST_F(ManagerTest, LanguageChangeSendsBothCommandsOrNone)
                   Concat({"3 The keyName is [db/menu_widget/language]", std::string("3 Current Language is ") + c.text},
                          c.lines));
     }
-}
-
-TEST_F(ManagerTest, AnIntegerLanguageKeyIsNotRead)
-{
-    StartWithWidget();
-    ASSERT_TRUE(RunUntil([&] { return sim->Calls("qorv_excute") == 2; }));
-    log.Clear();
+    // The key turned integer is not read.
     tvhost::settings::SetInt(kLanguageKey, 5);
     ASSERT_TRUE(RunUntil([&] { return log.Has("The keyName is [db/menu_widget/language]"); }));
     tvhost::mainloop::RunFor(100ms);
