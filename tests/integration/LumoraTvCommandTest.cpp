@@ -1,5 +1,6 @@
 // lumora-tv on its own: what it tells a person who typed something wrong, and
 // the shared host TV state it writes for the service to see.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <device/power.h>
@@ -13,6 +14,9 @@
 #include "tvhost/power.h"
 #include "tvhost/settings.h"
 #include "tvhost/tvhost.h"
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 namespace {
 
@@ -34,19 +38,19 @@ protected:
         int pid = 0;
         ASSERT_FALSE(tvhost::notifications::remote::Ping(pid, error))
             << "a service (pid " << pid << ") runs on this build's host TV; these checks need it stopped";
+        ASSERT_EQ(LumoraTv({"reset"}).status, 0);
     }
     void TearDown() override { LeaveHostTvFresh(); }
 };
 
 } // namespace
 
-TEST_F(LumoraTvCommand, RejectsWrongCommandLinesWithUsageStatusAndSaysWhatIsWrong)
+TEST_F(LumoraTvCommand, WrongCommandLinesExitWithUsageStatusAndSayWhatIsWrong)
 {
-    struct Case {
+    const struct {
         std::vector<std::string> args;
         std::vector<std::string> errParts;
-    };
-    const std::vector<Case> cases = {
+    } cases[] = {
         {{}, {"usage: lumora-tv COMMAND"}},
         {{"bogus"}, {"unknown command \"bogus\"", "usage: lumora-tv COMMAND"}},
         {{"set", "db/menu_widget/langauge", "ko"},
@@ -63,22 +67,19 @@ TEST_F(LumoraTvCommand, RejectsWrongCommandLinesWithUsageStatusAndSaysWhatIsWron
         {{"network", "cable"}, {"unknown network type \"cable\"", "wifi, ethernet, none or auto"}},
         {{"event", "five", "-"}, {"bad event number \"five\""}},
     };
-    for (const Case &c : cases) {
-        LumoraTvResult r = LumoraTv(c.args);
-        EXPECT_EQ(r.status, 2) << Describe(c.args, r);
+    for (const auto &c : cases) {
+        const LumoraTvResult r = LumoraTv(c.args);
+        SCOPED_TRACE(Describe(c.args, r));
+        EXPECT_EQ(r.status, 2);
         for (const auto &part : c.errParts)
-            EXPECT_NE(r.err.find(part), std::string::npos) << "missing \"" << part << "\" in\n" << Describe(c.args, r);
+            EXPECT_THAT(r.err, HasSubstr(part));
     }
-
-    LumoraTvResult help = LumoraTv({"help"});
-    EXPECT_EQ(help.status, 0);
-    EXPECT_NE(help.out.find("BUTTON counts from 0, left to"), std::string::npos) << help.out;
 }
 
-TEST_F(LumoraTvCommand, WritesTheHostTvStateEveryProcessSees)
+TEST_F(LumoraTvCommand, ResetLeavesTheFreshHostTv)
 {
-    tvhost::power::ClearRecorded();
     ASSERT_EQ(device_power_request_poweroff(3), 0) << "no main loop here: only the record is written";
+    ASSERT_EQ(LumoraTv({"set", "db/menu_widget/language", "ko_KR.UTF-8"}).status, 0);
     std::filesystem::create_directories(tvhost::Root() + "/opt/usr/apps/org.kelvar.lumora/data");
 
     LumoraTvResult r = LumoraTv({"reset"});
@@ -91,59 +92,82 @@ TEST_F(LumoraTvCommand, WritesTheHostTvStateEveryProcessSees)
     EXPECT_EQ(tvhost::network::CurrentType(), 3);
     EXPECT_FALSE(std::filesystem::exists(tvhost::Root() + "/opt/usr/apps/org.kelvar.lumora/data"));
     EXPECT_TRUE(tvhost::power::Recorded().empty());
-    EXPECT_EQ(LumoraTv({"power"}).out.compare(0, 3, "on:"), 0);
+    EXPECT_THAT(LumoraTv({"power"}).out, StartsWith("on:"));
+}
 
-    // Settings, read back by this process and by lumora-tv.
+TEST_F(LumoraTvCommand, SettingsAreSharedWithOtherProcesses)
+{
     EXPECT_EQ(LumoraTv({"set", "db/menu_widget/language", "ko_KR.UTF-8"}).status, 0);
+    std::string language;
     EXPECT_TRUE(tvhost::settings::GetString("db/menu_widget/language", language));
     EXPECT_EQ(language, "ko_KR.UTF-8");
     EXPECT_EQ(LumoraTv({"set", "memory/was/app_change", "-5"}).status, 0);
     EXPECT_EQ(AppChange(), -5);
     EXPECT_EQ(LumoraTv({"get"}).out, "db/menu_widget/language = ko_KR.UTF-8\nmemory/was/app_change = -5\n");
+}
 
-    // The widget: installing and removing bump the app-change key, as the TV does.
-    r = LumoraTv({"widget", "uninstall"});
+// As the TV does, installing and removing bump the app-change key.
+TEST_F(LumoraTvCommand, WidgetChangesBumpTheAppChangeKey)
+{
+    ASSERT_EQ(LumoraTv({"set", "memory/was/app_change", "-5"}).status, 0);
+    LumoraTvResult r = LumoraTv({"widget", "uninstall"});
     EXPECT_EQ(r.out, "PzKmRvTqXa.Lumora is not installed (memory/was/app_change is now -4)\n") << r.err;
     EXPECT_FALSE(tvhost::apps::IsInstalled(kWidget));
-    r = LumoraTv({"widget", "launch"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("install it first: lumora-tv widget install"), std::string::npos) << r.err;
     EXPECT_EQ(LumoraTv({"widget", "install"}).status, 0);
     EXPECT_EQ(AppChange(), -3);
     EXPECT_EQ(LumoraTv({"widget", "install"}).out, "PzKmRvTqXa.Lumora is installed, not running (nothing changed)\n");
     EXPECT_EQ(AppChange(), -3);
+}
+
+TEST_F(LumoraTvCommand, WidgetLaunchNeedsItInstalledAndCloseEndsIt)
+{
+    ASSERT_EQ(LumoraTv({"widget", "uninstall"}).status, 0);
+    LumoraTvResult r = LumoraTv({"widget", "launch"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_THAT(r.err, HasSubstr("install it first: lumora-tv widget install"));
+    ASSERT_EQ(LumoraTv({"widget", "install"}).status, 0);
     EXPECT_EQ(LumoraTv({"widget", "launch"}).out, "PzKmRvTqXa.Lumora is installed, running\n");
     EXPECT_TRUE(tvhost::apps::IsRunning(kWidget));
     EXPECT_EQ(LumoraTv({"widget", "close"}).status, 0);
     EXPECT_FALSE(tvhost::apps::IsRunning(kWidget));
+}
 
-    // The network override, and back to the machine's own.
+TEST_F(LumoraTvCommand, NetworkOverrideAndBackToTheMachines)
+{
     EXPECT_EQ(LumoraTv({"network", "wifi"}).out, "network: wifi\n");
     EXPECT_EQ(tvhost::network::CurrentType(), 1);
     EXPECT_EQ(LumoraTv({"network", "none"}).status, 0);
     EXPECT_EQ(tvhost::network::CurrentType(), 0);
-    r = LumoraTv({"network", "auto"});
+    const LumoraTvResult r = LumoraTv({"network", "auto"}); // before the type is read
     EXPECT_EQ(r.out, std::string("network: ") + tvhost::network::TypeName(tvhost::network::CurrentType()) +
                          " (following this machine's default route)\n");
+}
 
-    // The power-off record of another process.
+TEST_F(LumoraTvCommand, PowerShowsAnotherProcesssPowerOff)
+{
     ASSERT_EQ(device_power_request_poweroff(3), 0);
-    r = LumoraTv({"power"});
-    EXPECT_EQ(r.out, "off: the TV was switched off (power-off request of kind 3)\n");
+    EXPECT_EQ(LumoraTv({"power"}).out, "off: the TV was switched off (power-off request of kind 3)\n");
     EXPECT_EQ(tvhost::power::Recorded(), std::vector<int>{3});
+    EXPECT_THAT(LumoraTv({"status"}).out, HasSubstr("power:     off"));
+}
 
-    // What needs the running service says how to start it.
+TEST_F(LumoraTvCommand, WhatNeedsTheServiceSaysHowToStartIt)
+{
     for (const std::vector<std::string> &args : std::vector<std::vector<std::string>>{
              {"notifications"}, {"press", "1", "1"}, {"timeout", "1"}, {"event", "5", "-"}}) {
-        r = LumoraTv(args, "<x/>");
-        EXPECT_EQ(r.status, 1) << Describe(args, r);
-        EXPECT_EQ(r.err, std::string("lumora-tv: ") + kNotRunning + "\n") << Describe(args, r);
+        const LumoraTvResult r = LumoraTv(args, "<x/>");
+        SCOPED_TRACE(Describe(args, r));
+        EXPECT_EQ(r.status, 1);
+        EXPECT_EQ(r.err, std::string("lumora-tv: ") + kNotRunning + "\n");
     }
-    r = LumoraTv({"status"});
+    const LumoraTvResult r = LumoraTv({"status"});
     EXPECT_EQ(r.status, 0);
-    EXPECT_NE(r.out.find("service:   not running (start it with: lumora-tv run)"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("power:     off"), std::string::npos) << r.out;
-    r = LumoraTv({"event", "5", "/nonexistent/event.xml"});
+    EXPECT_THAT(r.out, HasSubstr("service:   not running (start it with: lumora-tv run)"));
+}
+
+TEST_F(LumoraTvCommand, AnUnreadableEventFileIsNamed)
+{
+    const LumoraTvResult r = LumoraTv({"event", "5", "/nonexistent/event.xml"});
     EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("cannot read /nonexistent/event.xml"), std::string::npos) << r.err;
+    EXPECT_THAT(r.err, HasSubstr("cannot read /nonexistent/event.xml"));
 }

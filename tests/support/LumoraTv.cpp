@@ -6,7 +6,6 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,16 +26,16 @@ struct TempFile {
         path = tmpl;
     }
     ~TempFile() { unlink(path.c_str()); }
-    std::string Read() const
-    {
-        std::ifstream in(path, std::ios::binary);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        return ss.str();
-    }
 };
 
 } // namespace
+
+std::string ReadFile(const std::string &path)
+{
+    std::stringstream ss;
+    ss << std::ifstream(path, std::ios::binary).rdbuf();
+    return ss.str();
+}
 
 std::string LumoraTvBinary()
 {
@@ -57,6 +56,7 @@ LumoraTvResult LumoraTv(const std::vector<std::string> &args, const std::string 
         argv.push_back(const_cast<char *>(a.c_str()));
     argv.push_back(nullptr);
 
+    // Only async-signal-safe calls between fork and exec: this process has threads.
     pid_t pid = fork();
     if (pid < 0)
         throw std::runtime_error("fork failed");
@@ -69,15 +69,15 @@ LumoraTvResult LumoraTv(const std::vector<std::string> &args, const std::string 
         dup2(fdIn, STDIN_FILENO);
         dup2(fdOut, STDOUT_FILENO);
         dup2(fdErr, STDERR_FILENO);
-        execv(binary.c_str(), argv.data());
+        execve(binary.c_str(), argv.data(), environ);
         _exit(127);
     }
     int wstatus = 0;
     while (waitpid(pid, &wstatus, 0) < 0) {}
     LumoraTvResult result;
     result.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
-    result.out = out.Read();
-    result.err = err.Read();
+    result.out = ReadFile(out.path);
+    result.err = ReadFile(err.path);
     return result;
 }
 
@@ -90,21 +90,13 @@ std::string Describe(const std::vector<std::string> &args, const LumoraTvResult 
            "\n  stderr: " + result.err;
 }
 
-bool WaitForPopups(size_t count, std::chrono::milliseconds timeout, std::vector<std::string> &lines)
+std::vector<std::string> Popups()
 {
-    const auto until = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        lines.clear();
-        LumoraTvResult r = LumoraTv({"notifications", "--brief"});
-        std::istringstream in(r.out);
-        for (std::string line; std::getline(in, line);)
-            lines.push_back(line);
-        if (r.status == 0 && lines.size() >= count)
-            return true;
-        if (std::chrono::steady_clock::now() > until)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
+    std::vector<std::string> lines;
+    std::istringstream in(LumoraTv({"notifications", "--brief"}).out);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
 }
 
 void LeaveHostTvFresh()

@@ -2,7 +2,6 @@
 // shell would, and collects what it printed and its exit status.
 #pragma once
 
-#include <chrono>
 #include <string>
 #include <vector>
 
@@ -14,15 +13,17 @@ struct LumoraTvResult {
 
 std::string LumoraTvBinary();
 
+// The whole of a file; empty when it cannot be read.
+std::string ReadFile(const std::string &path);
+
 // args after the program name; input is fed to its standard input.
 LumoraTvResult LumoraTv(const std::vector<std::string> &args, const std::string &input = "");
 
 // For failure messages: the command line and everything it printed.
 std::string Describe(const std::vector<std::string> &args, const LumoraTvResult &result);
 
-// Polls `lumora-tv notifications --brief` until at least count pop-ups are on
-// screen; lines gets the last answer, one line per pop-up.
-bool WaitForPopups(size_t count, std::chrono::milliseconds timeout, std::vector<std::string> &lines);
+// The lines of `lumora-tv notifications --brief`, one per pop-up on screen.
+std::vector<std::string> Popups();
 
 // Leaves the shared host TV root as the suites after this one expect it: the
 // fresh state of `lumora-tv reset` (so no scenario stays in the data folder)

@@ -1,14 +1,16 @@
 #include "NotifySocket.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-NotifySocket::NotifySocket() : m_fd(-1)
+NotifySocket::NotifySocket()
 {
     char tmpl[] = "/tmp/lumora-notify-XXXXXX";
     if (!mkdtemp(tmpl))
@@ -17,8 +19,8 @@ NotifySocket::NotifySocket() : m_fd(-1)
     m_strPath = m_strDir + "/notify.sock";
 
     m_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (m_fd < 0)
-        throw std::runtime_error("socket failed");
+    if (m_fd < 0 || pipe2(m_stop, O_CLOEXEC) != 0)
+        throw std::runtime_error("socket or pipe failed");
     struct sockaddr_un addr;
     std::memset(&addr, 0, sizeof addr);
     addr.sun_family = AF_UNIX;
@@ -26,27 +28,53 @@ NotifySocket::NotifySocket() : m_fd(-1)
     if (bind(m_fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0)
         throw std::runtime_error("bind failed");
     setenv("NOTIFY_SOCKET", m_strPath.c_str(), 1);
+    m_listener = std::thread(&NotifySocket::Listen, this);
 }
 
 NotifySocket::~NotifySocket()
 {
     unsetenv("NOTIFY_SOCKET");
-    if (m_fd >= 0)
-        close(m_fd);
+    const char c = 0;
+    if (write(m_stop[1], &c, 1) != 1)
+        std::abort(); // the listener would never end
+    m_listener.join();
+    close(m_stop[0]);
+    close(m_stop[1]);
+    close(m_fd);
     unlink(m_strPath.c_str());
     rmdir(m_strDir.c_str());
 }
 
-bool NotifySocket::Receive(Message &msg, std::chrono::milliseconds timeout)
+void NotifySocket::Listen()
 {
-    struct pollfd pfd = {m_fd, POLLIN, 0};
-    if (poll(&pfd, 1, static_cast<int>(timeout.count())) <= 0)
-        return false;
-    char buf[4096];
-    ssize_t n = recv(m_fd, buf, sizeof buf, 0);
-    if (n < 0)
-        return false;
-    msg.text.assign(buf, static_cast<size_t>(n));
-    msg.when = std::chrono::steady_clock::now();
-    return true;
+    struct pollfd pfd[2] = {{m_fd, POLLIN, 0}, {m_stop[0], POLLIN, 0}};
+    for (;;) {
+        if (poll(pfd, 2, -1) < 0) {
+            if (errno == EINTR)
+                continue;
+            std::abort(); // a listener that stopped would fail every later wait
+        }
+        if (pfd[1].revents & POLLIN)
+            return;
+        char buf[4096];
+        const ssize_t n = recv(m_fd, buf, sizeof buf, MSG_DONTWAIT);
+        if (n < 0)
+            continue;
+        Message msg{std::string(buf, static_cast<size_t>(n)), std::chrono::steady_clock::now()};
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_messages.push_back(std::move(msg));
+        m_arrived.notify_all();
+    }
+}
+
+std::vector<NotifySocket::Message> NotifySocket::Messages() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_messages;
+}
+
+bool NotifySocket::WaitFor(size_t count, std::chrono::milliseconds timeout) const
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_arrived.wait_for(lock, timeout, [&] { return m_messages.size() >= count; });
 }

@@ -1,9 +1,14 @@
 // A stand-in for systemd's notification socket: binds a datagram socket,
-// points NOTIFY_SOCKET at it and collects what the service sends.
+// points NOTIFY_SOCKET at it and collects what the service sends, with its
+// arrival time, on a thread of its own.
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 class NotifySocket {
 public:
@@ -16,11 +21,19 @@ public:
         std::string text;
         std::chrono::steady_clock::time_point when;
     };
-    // Waits up to timeout for the next datagram; false when none came.
-    bool Receive(Message &msg, std::chrono::milliseconds timeout);
+    std::vector<Message> Messages() const;
+    // Blocks until at least count messages arrived; false after timeout.
+    bool WaitFor(size_t count, std::chrono::milliseconds timeout) const;
 
 private:
-    int m_fd;
+    void Listen();
+
+    int m_fd = -1;
+    int m_stop[2] = {-1, -1}; // a pipe: written once to end the listener
     std::string m_strDir;
     std::string m_strPath;
+    mutable std::mutex m_mutex;
+    mutable std::condition_variable m_arrived;
+    std::vector<Message> m_messages;
+    std::thread m_listener;
 };

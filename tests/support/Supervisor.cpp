@@ -6,9 +6,10 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,7 +25,10 @@ Supervisor::Supervisor()
         throw std::runtime_error("mkstemp failed");
     close(fd);
     m_strLogPath = tmpl;
-    m_listener = std::thread(&Supervisor::Listen, this);
+    m_logFd = open(tmpl, O_RDONLY | O_CLOEXEC);
+    m_inotify = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    if (m_logFd < 0 || m_inotify < 0 || inotify_add_watch(m_inotify, tmpl, IN_MODIFY) < 0)
+        throw std::runtime_error("cannot watch the log");
 }
 
 Supervisor::~Supervisor()
@@ -33,28 +37,11 @@ Supervisor::~Supervisor()
         kill(m_pid, SIGKILL);
         Wait(5s);
     }
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_bStop = true;
-    }
-    m_listener.join();
+    if (m_pidfd >= 0)
+        close(m_pidfd);
+    close(m_inotify);
+    close(m_logFd);
     unlink(m_strLogPath.c_str());
-}
-
-void Supervisor::Listen()
-{
-    for (;;) {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            if (m_bStop)
-                return;
-        }
-        NotifySocket::Message msg;
-        if (m_socket.Receive(msg, 100ms)) {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_messages.push_back(msg);
-        }
-    }
 }
 
 void Supervisor::Start(const std::vector<std::string> &runArgs, const std::vector<std::string> &env)
@@ -139,41 +126,49 @@ void Supervisor::Spawn(std::vector<std::string> argv, const std::vector<std::str
         _exit(127);
     }
     m_pid = m_pidStarted = pid;
+    if (m_pidfd >= 0)
+        close(m_pidfd);
+    m_pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+    if (m_pidfd < 0)
+        throw std::runtime_error("pidfd_open failed");
+    m_strLog.clear();
+    lseek(m_logFd, 0, SEEK_SET);
 }
 
-void Supervisor::Signal(int sig)
+void Supervisor::Reap()
 {
-    if (m_pid > 0)
-        kill(m_pid, sig);
+    int status = 0;
+    if (m_pid > 0 && waitpid(m_pid, &status, 0) == m_pid) {
+        m_nStatus = status;
+        m_pid = -1;
+    }
 }
 
 bool Supervisor::Running()
 {
     if (m_pid <= 0)
         return false;
-    int status = 0;
-    if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
-        m_nStatus = status;
-        m_pid = -1;
-        return false;
-    }
-    return true;
+    struct pollfd pfd = {m_pidfd, POLLIN, 0};
+    if (poll(&pfd, 1, 0) == 1)
+        Reap();
+    return m_pid > 0;
 }
 
 int Supervisor::Wait(std::chrono::milliseconds timeout)
 {
-    const auto until = Clock::now() + timeout;
-    while (Running()) {
-        if (Clock::now() > until)
+    if (m_pid > 0) {
+        struct pollfd pfd = {m_pidfd, POLLIN, 0};
+        if (poll(&pfd, 1, static_cast<int>(timeout.count())) != 1)
             return -1;
-        std::this_thread::sleep_for(20ms);
+        Reap();
     }
     return m_nStatus;
 }
 
 Supervision Supervisor::Terminate(std::chrono::milliseconds timeout)
 {
-    Signal(SIGTERM);
+    if (m_pid > 0)
+        kill(m_pid, SIGTERM);
     return Ended(timeout);
 }
 
@@ -188,17 +183,22 @@ Supervision Supervisor::Ended(std::chrono::milliseconds timeout)
     return seen;
 }
 
-std::string Supervisor::Log() const
+void Supervisor::ReadLog()
 {
-    std::ifstream in(m_strLogPath, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    char buf[65536];
+    for (ssize_t n; (n = read(m_logFd, buf, sizeof buf)) > 0;)
+        m_strLog.append(buf, static_cast<size_t>(n));
 }
 
-int Supervisor::CountInLog(const std::string &text) const
+const std::string &Supervisor::Log()
 {
-    const std::string log = Log();
+    ReadLog();
+    return m_strLog;
+}
+
+int Supervisor::CountInLog(const std::string &text)
+{
+    const std::string &log = Log();
     int n = 0;
     for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + text.size()))
         ++n;
@@ -208,35 +208,32 @@ int Supervisor::CountInLog(const std::string &text) const
 bool Supervisor::WaitForLog(const std::string &text, std::chrono::milliseconds timeout, int count)
 {
     const auto until = Clock::now() + timeout;
+    int n = 0;
+    size_t scanned = 0; // the text found so far is not searched again
     for (;;) {
-        if (CountInLog(text) >= count)
+        // The inotify queue is drained before the read, so a write after the
+        // read leaves an event behind and wakes the poll below.
+        char events[4096];
+        while (read(m_inotify, events, sizeof events) > 0) {}
+        const bool bEnded = !Running(); // what an ended service wrote is all there is
+        ReadLog();
+        for (size_t at; (at = m_strLog.find(text, scanned)) != std::string::npos; ++n)
+            scanned = at + text.size();
+        if (n >= count)
             return true;
-        // What an ended service wrote is all there is.
-        if (!Running())
-            return CountInLog(text) >= count;
-        if (Clock::now() > until)
+        // A partial match may complete with the next read.
+        scanned = std::max(scanned, m_strLog.size() >= text.size() ? m_strLog.size() - text.size() + 1 : 0);
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now());
+        if (bEnded || left.count() <= 0)
             return false;
-        std::this_thread::sleep_for(50ms);
+        struct pollfd pfd[2] = {{m_inotify, POLLIN, 0}, {m_pidfd, POLLIN, 0}};
+        poll(pfd, 2, static_cast<int>(left.count()));
     }
 }
 
-std::vector<NotifySocket::Message> Supervisor::Messages() const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_messages;
-}
+namespace {
 
-bool Supervisor::WaitForMessages(size_t count, std::chrono::milliseconds timeout) const
-{
-    const auto until = Clock::now() + timeout;
-    while (Messages().size() < count) {
-        if (Clock::now() > until)
-            return false;
-        std::this_thread::sleep_for(20ms);
-    }
-    return true;
-}
-
+// The texts the service sends to its supervisor.
 std::string ReadinessOf(const std::string &name, pid_t pid)
 {
     return "READY=1\nsd_notify READY Proc : " + name + "(" + std::to_string(pid) + ")";
@@ -246,6 +243,8 @@ std::string WatchdogOf(pid_t pid)
 {
     return "WATCHDOG=1\nsd_notify WATCHDOG Proc : lumora(" + std::to_string(pid) + ")";
 }
+
+} // namespace
 
 Supervision Judge(const std::vector<NotifySocket::Message> &messages, pid_t pid, Supervisor::Clock::time_point start,
                   Supervisor::Clock::time_point end)

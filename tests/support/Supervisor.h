@@ -1,15 +1,14 @@
 // A stand-in for systemd supervising the real service: it binds NOTIFY_SOCKET,
 // starts the service, either the way a developer does (`lumora-tv run`, which
 // execs it) or the binary itself, with its log and drawings in a file, and
-// records every readiness and watchdog message with its arrival time on a
-// thread of its own, so that the gaps are measured while a test drives it.
+// records every readiness and watchdog message with its arrival time, so that
+// the gaps are measured while a test drives it. It watches the child through
+// a pidfd and reads the log on from where it stopped, woken by inotify.
 #pragma once
 
 #include <chrono>
-#include <mutex>
 #include <string>
 #include <sys/types.h>
-#include <thread>
 #include <vector>
 
 #include "NotifySocket.h"
@@ -29,6 +28,8 @@ public:
 
     Supervisor();
     ~Supervisor(); // kills the service (SIGKILL) if it still runs
+    Supervisor(const Supervisor &) = delete;
+    Supervisor &operator=(const Supervisor &) = delete;
 
     // Runs `lumora-tv run <runArgs>` with these extra environment entries
     // ("NAME=value").
@@ -38,7 +39,6 @@ public:
     pid_t Pid() const { return m_pidStarted; }
     Clock::time_point StartedAt() const { return m_started; }
 
-    void Signal(int sig);
     bool Running();
     // The exit status as waitpid gives it, or -1 when it still runs after timeout.
     int Wait(std::chrono::milliseconds timeout);
@@ -49,36 +49,38 @@ public:
     // Waits for an end the service comes to itself, then judges the run.
     Supervision Ended(std::chrono::milliseconds timeout);
 
-    std::string Log() const;
-    int CountInLog(const std::string &text) const;
+    // What the service wrote so far.
+    const std::string &Log();
+    int CountInLog(const std::string &text);
     // Waits until the log holds text at least count times; false after timeout
     // or when the service ended without it.
     bool WaitForLog(const std::string &text, std::chrono::milliseconds timeout, int count = 1);
 
-    std::vector<NotifySocket::Message> Messages() const;
+    std::vector<NotifySocket::Message> Messages() const { return m_socket.Messages(); }
     // Waits until at least count messages arrived.
-    bool WaitForMessages(size_t count, std::chrono::milliseconds timeout) const;
+    bool WaitForMessages(size_t count, std::chrono::milliseconds timeout) const
+    {
+        return m_socket.WaitFor(count, timeout);
+    }
 
 private:
-    void Listen();
     void Spawn(std::vector<std::string> argv, const std::vector<std::string> &env);
+    // Reaps the child once its pidfd says it ended.
+    void Reap();
+    // Appends what the log gained since the last read.
+    void ReadLog();
 
     NotifySocket m_socket;
     std::string m_strLogPath;
+    int m_logFd = -1;   // read on from its offset
+    int m_inotify = -1; // a modification of the log
+    std::string m_strLog;
+    int m_pidfd = -1;
     pid_t m_pid = -1; // -1 once reaped
     pid_t m_pidStarted = -1;
     int m_nStatus = -1;
     Clock::time_point m_started;
-
-    mutable std::mutex m_mutex;
-    std::vector<NotifySocket::Message> m_messages;
-    bool m_bStop = false;
-    std::thread m_listener;
 };
-
-// The texts the service sends to its supervisor.
-std::string ReadinessOf(const std::string &name, pid_t pid);
-std::string WatchdogOf(pid_t pid);
 
 // The timer thread's readiness ("RAApp") comes first; the service's own
 // ("lumora") once, right before the first watchdog message; every other

@@ -1,16 +1,18 @@
 // The service's thin platform helpers: the data folder, the widget's queries
 // and launch, the widget watcher and the power-off.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <app_control.h>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <memory>
 #include <unistd.h>
 
 #include "DataFolderHelper.h"
 #include "LogCapture.h"
+#include "LumoraTv.h"
 #include "LumoraTvControl.h"
 #include "LumoraWidgetChecker.h"
 #include "LumoraWidgetHelper.h"
@@ -21,6 +23,12 @@
 #include "tvhost/tvhost.h"
 
 namespace fs = std::filesystem;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::Field;
+using ::testing::HasSubstr;
+using Record = tvhost::log::Record;
 
 class CLumoraWidgetHelperTestPeer {
 public:
@@ -39,19 +47,11 @@ constexpr int kError = 6;
 const std::string kWidget = "PzKmRvTqXa.Lumora";
 const std::string kAppChange = "memory/was/app_change";
 using Lines = std::vector<std::string>;
-using Extra = std::vector<std::pair<std::string, std::string>>;
 
 std::vector<bool> g_reports;
 void OnInstalled(bool bInstalled)
 {
     g_reports.push_back(bInstalled);
-}
-
-std::string ReadAll(const std::string &path)
-{
-    std::stringstream s;
-    s << std::ifstream(path).rdbuf();
-    return s.str();
 }
 
 // PATH as on the TV, its own tools first, behind a folder with one tool that fails.
@@ -74,46 +74,67 @@ struct ToolPath {
 
 } // namespace
 
-TEST(DataFolderHelper, FirstRunPreparesTheFolderLaterRunsLeaveItAloneAFailingCommandEndsItAndLongOnesAreLoggedCut)
-{
+namespace {
+
+class DataFolderHelper : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        fs::remove_all(data);
+        fs::remove(labels);
+    }
+    void TearDown() override { fs::remove_all(data); }
+    // The log of a run of these commands, then after.
+    static Lines LogOf(Lines ran, const Lines &after)
+    {
+        for (auto &command : ran)
+            command = "[ExecuteCommand] the command is '" + command + "'";
+        ran.insert(ran.begin(), "[CreateQORVDataFolder] begin");
+        ran.insert(ran.end(), after.begin(), after.end());
+        return ran;
+    }
     LogCapture log;
     const std::string data = tvhost::Root() + "/opt/usr/apps/org.kelvar.lumora/data";
     const std::string shipped = tvhost::Root() + "/usr/apps/org.kelvar.lumora/bin/mode.xml";
     const std::string labels = tvhost::Root() + "/opt/var/tvhost/smack/labels", label = "\"org.kelvar.lumora\"";
     const Lines commands = {"mkdir -p " + data, "cp " + shipped + " " + data, "chmod 777 -R " + data,
                             "chown app.app -R " + data, "chsmack -a " + label + " -e " + label + " " + data};
-    auto logOf = [](Lines ran, const Lines &after) {
-        for (auto &command : ran)
-            command = "[ExecuteCommand] the command is '" + command + "'";
-        ran.insert(ran.begin(), "[CreateQORVDataFolder] begin");
-        ran.insert(ran.end(), after.begin(), after.end());
-        return ran;
-    };
-    fs::remove_all(data);
-    fs::remove(labels);
-    {
-        ToolPath tools("none");
-        EXPECT_TRUE(CDataFolderHelper().CreateDataFolder());
-        EXPECT_EQ(log.Messages(), logOf(commands, {"[CreateQORVDataFolder] end"}));
-        EXPECT_EQ(log.PriorityOf("[CreateQORVDataFolder] begin"), kDebug);
-        EXPECT_EQ(ReadAll(data + "/mode.xml"), ReadAll(shipped));
-        EXPECT_EQ(fs::status(data + "/mode.xml").permissions(), fs::perms::all);
-        EXPECT_NE(ReadAll(labels).find(fs::canonical(data).string() + "\torg.kelvar.lumora\torg.kelvar.lumora\n"),
-                  std::string::npos);
-        log.Clear();
-        EXPECT_TRUE(CDataFolderHelper().CreateDataFolder());
-        EXPECT_EQ(log.Messages(), (Lines{"[CreateQORVDataFolder] begin",
-                                         "[CreateQORVDataFolder] the QORV storage path is already exist",
-                                         "[CreateQORVDataFolder] the QORV mode.xml is already exist"}));
-        // The folder there, the file gone: everything but mkdir runs again.
-        log.Clear();
-        fs::remove(data + "/mode.xml");
-        EXPECT_TRUE(CDataFolderHelper().CreateDataFolder());
-        Lines again = logOf(Lines(commands.begin() + 1, commands.end()), {"[CreateQORVDataFolder] end"});
-        again.insert(again.begin() + 1, "[CreateQORVDataFolder] the QORV storage path is already exist");
-        EXPECT_EQ(log.Messages(), again);
-    }
-    // A failing command ends the run; nothing is undone.
+};
+
+} // namespace
+
+TEST_F(DataFolderHelper, FirstRunPreparesTheFolder)
+{
+    ToolPath tools("none");
+    EXPECT_TRUE(CDataFolderHelper().CreateDataFolder());
+    EXPECT_EQ(log.Messages(), LogOf(commands, {"[CreateQORVDataFolder] end"}));
+    EXPECT_EQ(log.PriorityOf("[CreateQORVDataFolder] begin"), kDebug);
+    EXPECT_EQ(ReadFile(data + "/mode.xml"), ReadFile(shipped));
+    EXPECT_EQ(fs::status(data + "/mode.xml").permissions(), fs::perms::all);
+    EXPECT_THAT(ReadFile(labels), HasSubstr(fs::canonical(data).string() + "\torg.kelvar.lumora\torg.kelvar.lumora\n"));
+}
+
+TEST_F(DataFolderHelper, LaterRunsLeaveItAloneButCopyAMissingFile)
+{
+    ToolPath tools("none");
+    ASSERT_TRUE(CDataFolderHelper().CreateDataFolder());
+    log.Clear();
+    EXPECT_TRUE(CDataFolderHelper().CreateDataFolder());
+    EXPECT_EQ(log.Messages(),
+              (Lines{"[CreateQORVDataFolder] begin", "[CreateQORVDataFolder] the QORV storage path is already exist",
+                     "[CreateQORVDataFolder] the QORV mode.xml is already exist"}));
+    // The folder there, the file gone: everything but mkdir runs again.
+    log.Clear();
+    fs::remove(data + "/mode.xml");
+    EXPECT_TRUE(CDataFolderHelper().CreateDataFolder());
+    Lines again = LogOf(Lines(commands.begin() + 1, commands.end()), {"[CreateQORVDataFolder] end"});
+    again.insert(again.begin() + 1, "[CreateQORVDataFolder] the QORV storage path is already exist");
+    EXPECT_EQ(log.Messages(), again);
+}
+
+// Nothing is undone.
+TEST_F(DataFolderHelper, AFailingCommandEndsTheRun)
+{
     for (size_t failing = 0; failing < commands.size(); ++failing) {
         const std::string tool = commands[failing].substr(0, commands[failing].find(' '));
         SCOPED_TRACE(tool);
@@ -121,89 +142,101 @@ TEST(DataFolderHelper, FirstRunPreparesTheFolderLaterRunsLeaveItAloneAFailingCom
         fs::remove_all(data);
         log.Clear();
         EXPECT_FALSE(CDataFolderHelper().CreateDataFolder());
-        EXPECT_EQ(log.Messages(), logOf(Lines(commands.begin(), commands.begin() + failing + 1),
+        EXPECT_EQ(log.Messages(), LogOf(Lines(commands.begin(), commands.begin() + failing + 1),
                                         {"[ExecuteCommand] '" + commands[failing] + "' is failed!!!"}));
         EXPECT_EQ(log.Records().back().priority, kError);
         EXPECT_EQ(fs::is_directory(data), failing > 0);
     }
-    fs::remove_all(data);
+}
 
-    // A long command is logged cut at 256 characters but run whole.
-    log.Clear();
+TEST_F(DataFolderHelper, ALongCommandIsLoggedCutButRunWhole)
+{
     const std::string out = tvhost::Root() + "/long-command.out";
     const std::string text(300 - std::strlen("printf %s ") - (" > " + out).size() - 3, 'x');
     const std::string command = "printf %s " + text + "END > " + out;
     EXPECT_TRUE(CDataFolderHelper().ExecuteCommand(command));
-    EXPECT_EQ(ReadAll(out), text + "END");
+    EXPECT_EQ(ReadFile(out), text + "END");
     EXPECT_EQ(log.Messages(), Lines{"[ExecuteCommand] the command is '" + command.substr(0, 256) + "'"});
     fs::remove(out);
 }
 
-TEST(LumoraWidgetHelper, QueriesRetryOnlyWhileTheServiceIsBusyOrAStatusCallFails)
-{
-    LogCapture log;
-    tvhost::apps::SetInstalled(kWidget, true);
-    tvhost::apps::SetRunning(kWidget, true);
-    CLumoraWidgetHelper helper;
-    auto calls = [](const char *fn) { return tvhost::faults::Calls(fn); };
+namespace {
 
-    // Up to five retries on -2; any other failure is final at once.
+class WidgetHelper : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        tvhost::apps::SetInstalled(kWidget, true);
+        tvhost::apps::SetRunning(kWidget, true);
+        tvhost::Reset();
+    }
+    LogCapture log;
+    CLumoraWidgetHelper helper;
+};
+
+} // namespace
+
+// Up to five retries on -2; any other failure is final at once.
+TEST_F(WidgetHelper, InstalledRetriesOnlyWhileTheServiceIsBusy)
+{
     tvhost::faults::Queue("was_get_app_info", -2, 6);
     EXPECT_FALSE(helper.IsWidgetInstalled(kWidget)) << "a sixth busy answer is final";
-    EXPECT_EQ(calls("was_get_app_info"), 6);
+    EXPECT_EQ(tvhost::faults::Calls("was_get_app_info"), 6);
     EXPECT_EQ(log.Count("=== Begin to get app info ! ==="), 6);
     EXPECT_EQ(log.PriorityOf("=== The widget PzKmRvTqXa.Lumora is not installed! ==="), kDebug);
     tvhost::Reset();
     tvhost::faults::Queue("was_get_app_info", -2, 5);
     EXPECT_TRUE(helper.IsWidgetInstalled(kWidget));
-    EXPECT_EQ(calls("was_get_app_info"), 6);
+    EXPECT_EQ(tvhost::faults::Calls("was_get_app_info"), 6);
     tvhost::Reset();
     tvhost::faults::Queue("was_get_app_info", -2);
     tvhost::faults::Queue("was_get_app_info", -1);
     EXPECT_FALSE(helper.IsWidgetInstalled(kWidget));
-    EXPECT_EQ(calls("was_get_app_info"), 2);
+    EXPECT_EQ(tvhost::faults::Calls("was_get_app_info"), 2);
+}
 
-    log.Clear();
+TEST_F(WidgetHelper, LaunchedReadsTheStatus)
+{
     EXPECT_TRUE(helper.IsWidgetLaunched(kWidget));
     EXPECT_EQ(log.PriorityOf("=====The widget PzKmRvTqXa.Lumora has been launched !=====\n"), kDebug);
     tvhost::apps::SetRunning(kWidget, false);
     EXPECT_FALSE(helper.IsWidgetLaunched(kWidget));
     EXPECT_TRUE(log.Has("=====The widget PzKmRvTqXa.Lumora has not been launched !=====\n"));
-    // Three failed status calls are final; a fourth, successful answer is never asked for.
-    tvhost::Reset();
+}
+
+// Three failed status calls are final; a fourth, successful answer is never
+// asked for. A failed call that nevertheless set the status word ends the retries.
+TEST_F(WidgetHelper, LaunchedRetriesAFailedStatusCallTwice)
+{
     tvhost::faults::Queue("was_get_app_status", {-1, 0}, 3);
     tvhost::faults::Queue("was_get_app_status", {0, 1});
     EXPECT_FALSE(helper.IsWidgetLaunched(kWidget));
-    EXPECT_EQ(calls("was_get_app_status"), 3);
+    EXPECT_EQ(tvhost::faults::Calls("was_get_app_status"), 3);
     EXPECT_EQ(log.Count("=====Get the widget PzKmRvTqXa.Lumora info error =====\n"), 3);
-    // A failed call that nevertheless set the status word ends the retries.
     tvhost::Reset();
-    tvhost::apps::SetRunning(kWidget, true);
     tvhost::faults::Queue("was_get_app_status", {-1, 1});
     EXPECT_FALSE(helper.IsWidgetLaunched(kWidget));
-    EXPECT_EQ(calls("was_get_app_status"), 1);
+    EXPECT_EQ(tvhost::faults::Calls("was_get_app_status"), 1);
 }
 
-TEST(LumoraWidgetHelper, LaunchSendsTheDeviceEvenToARunningWidgetAndOnlyToAnInstalledOne)
+TEST_F(WidgetHelper, LaunchSendsTheDeviceEvenToARunningWidget)
 {
-    LogCapture log;
-    tvhost::apps::SetInstalled(kWidget, true);
-    tvhost::apps::SetRunning(kWidget, true);
-    CLumoraWidgetHelper helper;
     helper.LaunchWidget(kWidget, "dev-2");
     EXPECT_EQ(log.PriorityOf("=== The widget has been launched, then return it! ===\n"), kError);
     EXPECT_EQ(log.PriorityOf("=== Succeeded to launch a WebApp ====="), kError);
-    auto launches = tvhost::apps::Launches();
+    const auto launches = tvhost::apps::Launches();
     ASSERT_EQ(launches.size(), 1u);
     EXPECT_EQ(launches[0].operation, APP_CONTROL_OPERATION_DEFAULT);
-    EXPECT_EQ(launches[0].extraData, (Extra{{"deviceID", "dev-2"}}));
-    EXPECT_EQ(tvhost::faults::CallLog(),
-              (Lines{"was_get_app_info", "was_get_app_info", "was_get_app_status", "app_control_create",
-                     "app_control_set_operation", "app_control_set_app_id", "app_control_add_extra_data",
-                     "app_control_send_launch_request", "app_control_destroy"}));
+    EXPECT_THAT(launches[0].extraData, ElementsAre(std::make_pair("deviceID", "dev-2")));
+    EXPECT_THAT(tvhost::faults::CallLog(),
+                ElementsAre("was_get_app_info", "was_get_app_info", "was_get_app_status", "app_control_create",
+                            "app_control_set_operation", "app_control_set_app_id", "app_control_add_extra_data",
+                            "app_control_send_launch_request", "app_control_destroy"));
+}
 
-    // A refused request, or a handle that cannot be made, is only logged; the
-    // handle is released all the same and the device stored.
+// Only logged; the handle is released all the same and the device stored.
+TEST_F(WidgetHelper, ARefusedLaunchOrHandleIsOnlyLogged)
+{
     for (const char *fn : {"app_control_send_launch_request", "app_control_create"}) {
         SCOPED_TRACE(fn);
         tvhost::Reset();
@@ -214,58 +247,85 @@ TEST(LumoraWidgetHelper, LaunchSendsTheDeviceEvenToARunningWidgetAndOnlyToAnInst
         EXPECT_EQ(tvhost::faults::Calls("app_control_destroy"), 1);
         EXPECT_EQ(CLumoraWidgetHelperTestPeer::DeviceID(helper), "dev-7");
     }
+}
 
-    // Not installed: nothing is sent and the last device is kept.
+TEST_F(WidgetHelper, NothingIsSentToAWidgetNotInstalled)
+{
+    helper.LaunchWidget(kWidget, "dev-7");
     tvhost::Reset();
     tvhost::apps::SetInstalled(kWidget, false);
     helper.LaunchWidget(kWidget, "dev-9");
     EXPECT_EQ(log.PriorityOf("=====The widget PzKmRvTqXa.Lumora has not been installed ====="), kError);
     EXPECT_EQ(tvhost::faults::Calls("app_control_create"), 0);
-    EXPECT_EQ(CLumoraWidgetHelperTestPeer::DeviceID(helper), "dev-7");
+    EXPECT_EQ(CLumoraWidgetHelperTestPeer::DeviceID(helper), "dev-7") << "the last device is kept";
 }
 
-TEST(LumoraWidgetChecker, OnlyAnIntegerChangeChecksAndTheHandlerHearsOnlyChangesOfTheState)
-{
+namespace {
+
+class WidgetChecker : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        tvhost::apps::SetInstalled(kWidget, true);
+        tvhost::Reset();
+        g_reports.clear();
+        checker = std::make_unique<CLumoraWidgetChecker>();
+    }
+    bool Installed() const { return CLumoraWidgetCheckerTestPeer::Installed(*checker); }
     LogCapture log;
-    tvhost::apps::SetInstalled(kWidget, true);
-    tvhost::Reset();
-    g_reports.clear();
-    CLumoraWidgetChecker checker;
+    std::unique_ptr<CLumoraWidgetChecker> checker;
+};
+
+} // namespace
+
+TEST_F(WidgetChecker, AStringChangeIsDeliveredButNotChecked)
+{
     EXPECT_EQ(tvhost::settings::Subscribers(kAppChange), 1);
     EXPECT_TRUE(log.Records().empty());
     tvhost::settings::SetString(kAppChange, "7");
     ASSERT_TRUE(log.Has("The keyName is [memory/was/app_change]")) << "the change was delivered";
     EXPECT_EQ(tvhost::faults::Calls("was_get_app_info"), 0);
     EXPECT_EQ(tvhost::faults::Calls("vconf_get_int"), 0);
-    EXPECT_FALSE(CLumoraWidgetCheckerTestPeer::Installed(checker));
+    EXPECT_FALSE(Installed());
+}
 
-    // A change before the handler is set updates the state silently; the
-    // handler then hears only what differs from it.
-    log.Clear();
+// A change before the handler is set updates the state silently.
+TEST_F(WidgetChecker, AnIntegerChangeChecksTheWidget)
+{
     tvhost::settings::SetInt(kAppChange, 41);
-    EXPECT_TRUE(CLumoraWidgetCheckerTestPeer::Installed(checker));
-    EXPECT_EQ(log.Messages(),
-              (Lines{"===== CLumoraWidgetChecker in m_CbWasAppChanged function 1 =====",
-                     "===== CLumoraWidgetChecker in m_CbWasAppChanged function 2 =====",
-                     "===== CLumoraWidgetChecker in m_CbWasAppChanged function 3 =====",
-                     "The keyName is [memory/was/app_change]", "Get the app change value success nValue = [41]",
-                     "===== CLumoraWidgetChecker in loop function 1 =====", "=== Begin to get app info ! ===",
-                     "=== The widget PzKmRvTqXa.Lumora is installed! ===",
-                     "===== CLumoraWidgetChecker in loop function 2 ====="}));
+    EXPECT_TRUE(Installed());
+    EXPECT_THAT(log.Messages(),
+                ElementsAre("===== CLumoraWidgetChecker in m_CbWasAppChanged function 1 =====",
+                            "===== CLumoraWidgetChecker in m_CbWasAppChanged function 2 =====",
+                            "===== CLumoraWidgetChecker in m_CbWasAppChanged function 3 =====",
+                            "The keyName is [memory/was/app_change]", "Get the app change value success nValue = [41]",
+                            "===== CLumoraWidgetChecker in loop function 1 =====", "=== Begin to get app info ! ===",
+                            "=== The widget PzKmRvTqXa.Lumora is installed! ===",
+                            "===== CLumoraWidgetChecker in loop function 2 ====="));
+}
+
+TEST_F(WidgetChecker, TheHandlerHearsOnlyChangesOfTheState)
+{
+    tvhost::settings::SetInt(kAppChange, 41);
     log.Clear();
-    checker.SetWidgetInstalledCB(OnInstalled);
+    checker->SetWidgetInstalledCB(OnInstalled);
     EXPECT_TRUE(g_reports.empty());
     EXPECT_EQ(log.Messages().back(), "===== CLumoraWidgetChecker in SetWidgetInstalledCB function =====");
     EXPECT_EQ(log.Messages().size(), 5u) << "checked again at once";
     tvhost::apps::SetInstalled(kWidget, false); // bumps the key
     tvhost::settings::SetInt(kAppChange, 42);
-    EXPECT_EQ(g_reports, std::vector<bool>{false});
+    EXPECT_THAT(g_reports, ElementsAre(false));
+}
 
-    // The value of the key means nothing, and a failed read still checks.
+// The value of the key means nothing.
+TEST_F(WidgetChecker, AFailedReadStillChecks)
+{
+    tvhost::settings::SetInt(kAppChange, 41);
+    checker->SetWidgetInstalledCB(OnInstalled);
     log.Clear();
     tvhost::faults::Queue("vconf_get_int", -1);
-    tvhost::apps::SetInstalled(kWidget, true);
-    EXPECT_EQ(g_reports, (std::vector<bool>{false, true}));
+    tvhost::apps::SetInstalled(kWidget, false);
+    EXPECT_THAT(g_reports, ElementsAre(false));
     EXPECT_TRUE(log.Has("===== CLumoraWidgetChecker in loop function 2 ====="));
     EXPECT_TRUE(tvhost::log::Find("Get the app change value success").empty());
 }
@@ -277,9 +337,10 @@ TEST(LumoraTvControl, PowerOffAsksForKindThreeAndReportsWhetherItWasAccepted)
     tvhost::faults::Queue("device_power_request_poweroff", 5); // any refusal counts
     EXPECT_FALSE(control.PowerOff());
     EXPECT_TRUE(control.PowerOff());
-    EXPECT_EQ(tvhost::power::Requests(), (std::vector<int>{3, 3}));
-    EXPECT_EQ(log.Messages(),
-              (Lines{"CLumoraTvControl failed to power off the TV!", "CLumoraTvControl success to power off the TV!"}));
-    for (const auto &record : log.Records())
-        EXPECT_EQ(record.priority, kDebug);
+    EXPECT_THAT(tvhost::power::Requests(), ElementsAre(3, 3));
+    EXPECT_THAT(log.Records(),
+                ElementsAre(AllOf(Field(&Record::priority, kDebug),
+                                  Field(&Record::text, EndsWith(">CLumoraTvControl failed to power off the TV!"))),
+                            AllOf(Field(&Record::priority, kDebug),
+                                  Field(&Record::text, EndsWith(">CLumoraTvControl success to power off the TV!")))));
 }

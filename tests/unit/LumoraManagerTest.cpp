@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -15,6 +16,14 @@
 
 using namespace std::chrono_literals;
 using Peer = LumoraManagerTestPeer;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::Field;
+using ::testing::HasSubstr;
+using ::testing::Optional;
+using ::testing::StartsWith;
+using Record = tvhost::log::Record;
 using Texts = std::vector<std::string>;
 
 namespace {
@@ -55,12 +64,13 @@ protected:
 
 } // namespace
 
-TEST_F(ManagerTest, TheEngineStartsOnTheMainLoopOnceTheWidgetIsThereAndFollowsLanguageAndNetwork)
+// Construct leaves the start to the main loop; it is told the language then.
+TEST_F(ManagerTest, EngineStartsOnTheMainLoopThreeSecondsLater)
 {
     tvhost::apps::SetInstalled(kWidgetApp, true);
     const auto t0 = std::chrono::steady_clock::now();
     ASSERT_EQ(Peer::Get().Construct(), 0);
-    EXPECT_EQ(sim->Calls("qorv_start"), 0) << "the start waits for the main loop";
+    EXPECT_EQ(sim->Calls("qorv_start"), 0);
     EXPECT_EQ(Own(log), (Texts{"3 LumoraManager::LumoraManager()", "3 Enter into m_HandleWidgetInstall",
                                "3 connection_create() is successful. connection : 0x?\n"}));
     ASSERT_TRUE(RunUntil([&] { return sim->Calls("qorv_excute") == 2; }));
@@ -70,9 +80,16 @@ TEST_F(ManagerTest, TheEngineStartsOnTheMainLoopOnceTheWidgetIsThereAndFollowsLa
     EXPECT_EQ(Own(log), Concat({"3 Begin to start qorv!", "3 Success to start qorv!",
                                 "3 Current Language is en_US.UTF-8", "3 The language to set is en_US!"},
                                kLanguageSent));
+}
 
-    // The viewer changes the language: both commands with the part before the first dot, if any.
-    struct {
+// Both commands with the part before the first dot, if any; none for a text
+// without one, or a key turned integer.
+TEST_F(ManagerTest, LanguageChangeSendsBothCommandsOrNone)
+{
+    StartWithWidget();
+    ASSERT_TRUE(RunUntil([&] { return sim->Calls("qorv_excute") == 2; }));
+    log.Clear();
+    const struct {
         const char *text, *sent; // sent: null if nothing is
         Texts lines;
     } languages[] = {
@@ -82,10 +99,11 @@ TEST_F(ManagerTest, TheEngineStartsOnTheMainLoopOnceTheWidgetIsThereAndFollowsLa
         {".UTF-8", nullptr, {"3 The language to set is !", "3 The string is empty!"}},
     };
     for (const auto &c : languages) {
+        SCOPED_TRACE(c.text);
         const int nSent = sim->Calls("qorv_excute");
         tvhost::settings::SetString(kLanguageKey, c.text);
-        ASSERT_TRUE(RunUntil([&] { return log.Has(c.lines.back().substr(2)); })) << c.text;
-        EXPECT_EQ(sim->Calls("qorv_excute"), nSent + (c.sent ? 2 : 0)) << c.text;
+        ASSERT_TRUE(RunUntil([&] { return log.Has(c.lines.back().substr(2)); }));
+        EXPECT_EQ(sim->Calls("qorv_excute"), nSent + (c.sent ? 2 : 0));
         EXPECT_EQ(
             log.Count(std::string("CLumoraQorvHelper Begin to Execute strParam1 = ") + (c.sent ? c.sent : "") + "!"),
             c.sent ? 2 : 0);
@@ -93,14 +111,17 @@ TEST_F(ManagerTest, TheEngineStartsOnTheMainLoopOnceTheWidgetIsThereAndFollowsLa
                   Concat({"3 The keyName is [db/menu_widget/language]", std::string("3 Current Language is ") + c.text},
                          c.lines));
     }
-
     // The key turned integer is not read.
     tvhost::settings::SetInt(kLanguageKey, 5);
     ASSERT_TRUE(RunUntil([&] { return log.Has("The keyName is [db/menu_widget/language]"); }));
     tvhost::mainloop::RunFor(100ms);
     EXPECT_EQ(Own(log), Texts{"3 The keyName is [db/menu_widget/language]"});
+}
 
-    // Wi-Fi (1) and Ethernet (3) refresh the engine; none (0) and cellular (2) are only logged.
+// Wi-Fi (1) and Ethernet (3) refresh the engine; none (0) and cellular (2) are only logged.
+TEST_F(ManagerTest, OnlyWifiAndEthernetRefreshTheEngine)
+{
+    StartWithWidget();
     for (int nType : {0, 3, 1, 2}) {
         tvhost::network::SetType(nType);
         ASSERT_TRUE(RunUntil(
@@ -117,18 +138,24 @@ TEST_F(ManagerTest, TheEngineStartsOnTheMainLoopOnceTheWidgetIsThereAndFollowsLa
                            "4 m_ConnectionTypeChangedCB() is called. type : 3",
                            "4 m_ConnectionTypeChangedCB() is called. type : 1",
                            "4 m_ConnectionTypeChangedCB() is called. type : 2"}));
+}
 
-    // Removing the widget neither stops the engine nor is read by the pipe's
-    // handler; it only silences the network handler.
+// Removing the widget neither stops the engine nor is read by the pipe's
+// handler; it only silences the network handler. Installed again, the start
+// is asked for again, and the binding ignores it.
+TEST_F(ManagerTest, WidgetRemovalSilencesOnlyTheNetworkHandler)
+{
+    StartWithWidget();
+    ASSERT_TRUE(RunUntil([&] { return sim->Calls("qorv_excute") == 2; }));
+    log.Clear();
     tvhost::apps::SetInstalled(kWidgetApp, false);
     ASSERT_TRUE(RunUntil([&] { return log.Has("Enter into m_HandleWidgetInstall"); }));
     tvhost::network::SetType(1);
     tvhost::mainloop::RunFor(300ms);
     EXPECT_EQ(Own(log), Texts{"3 Enter into m_HandleWidgetInstall"});
-    EXPECT_EQ(sim->Calls("qorv_refresh"), 2);
+    EXPECT_EQ(sim->Calls("qorv_refresh"), 0);
     EXPECT_EQ(sim->Calls("qorv_stop"), 0);
 
-    // Installed again: the start is asked for again, and the binding ignores it.
     tvhost::apps::SetInstalled(kWidgetApp, true);
     ASSERT_TRUE(RunUntil([&] { return log.Has("CLumoraQorvHelper Lumora Helper has been started already!"); }));
     EXPECT_EQ(sim->Calls("qorv_start"), 1);
@@ -227,9 +254,10 @@ TEST_F(ManagerTest, EngineEventsAreDispatchedByKind)
                                    c.lines));
         EXPECT_EQ(tvhost::notifications::Posted().size(), c.nPosted);
     }
-    auto posted = tvhost::notifications::Posted();
-    EXPECT_EQ(posted[0].title.value_or("") + "|" + posted[0].body.value_or(""), "Living room AC|Filter needs cleaning");
-    EXPECT_EQ(posted[1].body.value_or(""), "Air Conditioner 1, Washer 1TV_NEW_HOME_APPLIANCE_DETECTED");
+    const auto posted = tvhost::notifications::Posted();
+    EXPECT_THAT(posted[0].title, Optional(std::string("Living room AC")));
+    EXPECT_THAT(posted[0].body, Optional(std::string("Filter needs cleaning")));
+    EXPECT_THAT(posted[1].body, Optional(std::string("Air Conditioner 1, Washer 1TV_NEW_HOME_APPLIANCE_DETECTED")));
     EXPECT_EQ(tvhost::power::Requests(), std::vector<int>{3});
 }
 
@@ -255,9 +283,10 @@ TEST_F(Catalogue, MasterKeysAreReplacedOnlyByADocumentThatReachesItsKeys)
     for (const auto &b : bad) {
         log.Clear();
         EXPECT_FALSE(Peer::ParseMasterKeys(b.doc)) << b.doc;
-        ASSERT_EQ(log.Records().size(), 1u) << b.doc;
-        EXPECT_EQ(log.Records()[0].text.substr(0, log.Records()[0].text.find('(')) + MessageOf(log.Records()[0].text),
-                  std::string("LumoraManager.cpp:m_ParseMasterKeyMessage") + b.line);
+        EXPECT_THAT(log.Records(),
+                    ElementsAre(Field(&Record::text, AllOf(StartsWith("LumoraManager.cpp:m_ParseMasterKeyMessage("),
+                                                           EndsWith(std::string(">") + b.line)))))
+            << b.doc;
         EXPECT_EQ(Peer::MasterKeys().size(), 3u) << "a failed document keeps the list";
     }
 
@@ -307,10 +336,8 @@ TEST_F(Catalogue, RegisteredDevicesAppendUntilTheFirstIncompleteOne)
     // The two names share one parser but log under their own.
     Peer::ParseDeviceNames("<x");
     Peer::ParseRegistered("<x");
-    auto records = log.Records();
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_NE(records[0].text.find(":m_ParseDeviceNameList("), std::string::npos) << records[0].text;
-    EXPECT_NE(records[1].text.find(":m_ParseRegisteredDevice("), std::string::npos) << records[1].text;
+    EXPECT_THAT(log.Records(), ElementsAre(Field(&Record::text, HasSubstr(":m_ParseDeviceNameList(")),
+                                           Field(&Record::text, HasSubstr(":m_ParseRegisteredDevice("))));
 }
 
 TEST_F(Catalogue, VoiceCommandsKeepTheFirstPhraseAndSkipDegree)

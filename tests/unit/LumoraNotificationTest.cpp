@@ -1,5 +1,7 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <sstream>
 
 #include "LogCapture.h"
@@ -22,6 +24,9 @@ public:
 namespace {
 
 using Peer = LumoraNotificationTestPeer;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::Field;
 using Texts = std::vector<std::string>;
 namespace noti = tvhost::notifications;
 namespace apps = tvhost::apps;
@@ -69,12 +74,26 @@ std::string Words(const noti::Record &r)
     return out.str();
 }
 
+// A removal of the service's pop-up itemId.
+::testing::Matcher<noti::Removal> Removal(int itemId)
+{
+    return AllOf(Field(&noti::Removal::appId, "org.kelvar.lumora"), Field(&noti::Removal::itemId, itemId));
+}
+
+// A launch of the widget for device.
+::testing::Matcher<apps::Launch> LaunchOf(const std::string &device)
+{
+    return AllOf(Field(&apps::Launch::appId, kWidget),
+                 Field(&apps::Launch::extraData, ElementsAre(std::make_pair(std::string("deviceID"), device))));
+}
+
 class LumoraNotificationTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
         noti::DrawTo(nullptr);
         WidgetIs(false, false);
+        ASSERT_TRUE(bListParsed);
     }
     void TearDown() override { apps::SetInstalled(kWidget, false); }
     static void WidgetIs(bool bInstalled, bool bRunning)
@@ -82,116 +101,141 @@ protected:
         apps::SetInstalled(kWidget, bInstalled);
         apps::SetRunning(kWidget, bRunning);
     }
+    CNewDeviceList list;
+    const bool bListParsed = list.Parse(kNewDevices, ""); // before the capture begins
     LogCapture log;
+    std::unique_ptr<LumoraNotification> presenter = std::make_unique<LumoraNotification>();
 };
 
-TEST_F(LumoraNotificationTest, EachKindIsPostedWithItsLayoutAndEveryPostedItemIsTakenDownInOrderAtTheEnd)
+TEST_F(LumoraNotificationTest, TheServiceIsOpenedWithBothCallbacksAndClosedAtTheEnd)
 {
-    {
-        LumoraNotification presenter;
-        EXPECT_EQ(NotificationCalls(), (Texts{"init_notification_data_manager", "register_notification_button_callback",
-                                              "register_notification_timeout_callback"}));
-        EXPECT_EQ(log.Messages(), (Texts{"InitNotificationDataManager Begin", "InitNotificationDataManager End"}));
-        auto off = Device("d0", "Always", false);
-        EXPECT_EQ(presenter.Add(5, &off), 0);
-        EXPECT_EQ(tvhost::faults::Calls("was_get_app_info"), 0) << "a hidden notification asks nothing";
-
-        // The widget not installed, not running, running; only shown ones take an id.
-        const char *const kGo = "n=2 answer=0 [SID_CLOSE i_close_cancel.png] [TV_SID_GO_TO_LUMORA i_go.png] [- -]";
-        struct Case {
-            bool bInstalled, bRunning;
-            const char *condition, *words; // words null: not shown
-        } cases[] = {
-            {false, false, "NoneWidget", kGo},
-            {true, false, "Other", kGo},
-            {true, true, "NoneWidget", nullptr},
-            {true, true, "Always", "n=1 answer=0 [SID_OK i_allow.png] [- -] [- -]"},
-            {true, true, "always", "n=0 answer=0 [- -] [- -] [- -]"},
-        };
-        for (const Case &c : cases) {
-            SCOPED_TRACE(c.condition);
-            WidgetIs(c.bInstalled, c.bRunning);
-            log.Clear();
-            const std::string id = std::to_string(noti::Posted().size() + 1);
-            auto n = Device("dev", c.condition);
-            EXPECT_EQ(presenter.Add(5, &n), c.words ? 1 : 0);
-            EXPECT_EQ(log.Messages().back(),
-                      std::string("LumoraNotification::m_AddDeviceNotification ") +
-                          (c.words ? "show the notification" : "this is notification is no need to show"));
-            if (c.words) {
-                EXPECT_EQ(Words(noti::Posted().back()),
-                          "111 'org.kelvar.lumora' #" + id + " 'Washer' 'Done' '' 000000 " + c.words);
-            }
-        }
-
-        // New and unknown devices: the summary with a message appended; ids go on across kinds.
-        CNewDeviceList list;
-        ASSERT_TRUE(list.Parse(kNewDevices, ""));
-        EXPECT_EQ(presenter.Add(1, &list), 1);
-        EXPECT_EQ(Peer::AddUnknown(presenter, &list), 1);
-        auto posted = noti::Posted();
-        ASSERT_EQ(posted.size(), 6u);
-        const std::string head = "112 'org.kelvar.lumora' #",
-                          title = " 'TV_NEW_HOME_APPLIANCE_DETECTED' 'Air Conditioner 1, Washer 1";
-        const std::string tail = "' '' 000000 n=2 answer=1 [SID_YES i_allow.png] [SID_NO i_deny.png] [- -]";
-        EXPECT_EQ(Words(posted[4]), head + "5" + title + "TV_NEW_HOME_APPLIANCE_DETECTED" + tail);
-        EXPECT_EQ(Words(posted[5]), head + "6" + title + "TV_NEED_REGISTER_APPLIANCE_MSG" + tail);
-    }
-    Texts removed;
-    for (const auto &r : noti::Removals())
-        removed.push_back(r.appId + "#" + std::to_string(r.itemId));
-    EXPECT_EQ(removed, (Texts{"org.kelvar.lumora#1", "org.kelvar.lumora#2", "org.kelvar.lumora#3",
-                              "org.kelvar.lumora#4", "org.kelvar.lumora#5", "org.kelvar.lumora#6"}));
+    EXPECT_THAT(NotificationCalls(),
+                ElementsAre("init_notification_data_manager", "register_notification_button_callback",
+                            "register_notification_timeout_callback"));
+    EXPECT_THAT(log.Messages(), ElementsAre("InitNotificationDataManager Begin", "InitNotificationDataManager End"));
+    presenter.reset();
     EXPECT_EQ(NotificationCalls().back(), "close_notification_data_manager");
+}
+
+TEST_F(LumoraNotificationTest, AHiddenNotificationAsksNothing)
+{
+    auto off = Device("d0", "Always", false);
+    EXPECT_EQ(presenter->Add(5, &off), 0);
+    EXPECT_EQ(tvhost::faults::Calls("was_get_app_info"), 0);
+    EXPECT_TRUE(noti::Posted().empty());
+}
+
+// The widget not installed, not running, running; only shown ones take an id.
+TEST_F(LumoraNotificationTest, TheButtonsOfADeviceNotificationFollowTheWidget)
+{
+    const char *const kGo = "n=2 answer=0 [SID_CLOSE i_close_cancel.png] [TV_SID_GO_TO_LUMORA i_go.png] [- -]";
+    const struct {
+        bool bInstalled, bRunning;
+        const char *condition, *words; // words null: not shown
+    } cases[] = {
+        {false, false, "NoneWidget", kGo},
+        {true, false, "Other", kGo},
+        {true, true, "NoneWidget", nullptr},
+        {true, true, "Always", "n=1 answer=0 [SID_OK i_allow.png] [- -] [- -]"},
+        {true, true, "always", "n=0 answer=0 [- -] [- -] [- -]"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.condition);
+        WidgetIs(c.bInstalled, c.bRunning);
+        log.Clear();
+        const std::string id = std::to_string(noti::Posted().size() + 1);
+        auto n = Device("dev", c.condition);
+        EXPECT_EQ(presenter->Add(5, &n), c.words ? 1 : 0);
+        EXPECT_EQ(log.Messages().back(),
+                  std::string("LumoraNotification::m_AddDeviceNotification ") +
+                      (c.words ? "show the notification" : "this is notification is no need to show"));
+        if (c.words) {
+            EXPECT_EQ(Words(noti::Posted().back()),
+                      "111 'org.kelvar.lumora' #" + id + " 'Washer' 'Done' '' 000000 " + c.words);
+        }
+    }
+}
+
+// The summary with a message appended; ids go on across kinds.
+TEST_F(LumoraNotificationTest, NewAndUnknownDevicesShowTheSummary)
+{
+    auto n = Device("dev", "Other");
+    ASSERT_EQ(presenter->Add(5, &n), 1);
+    EXPECT_EQ(presenter->Add(1, &list), 1);
+    EXPECT_EQ(Peer::AddUnknown(*presenter, &list), 1);
+    const auto posted = noti::Posted();
+    ASSERT_EQ(posted.size(), 3u);
+    const std::string head = "112 'org.kelvar.lumora' #",
+                      title = " 'TV_NEW_HOME_APPLIANCE_DETECTED' 'Air Conditioner 1, Washer 1";
+    const std::string tail = "' '' 000000 n=2 answer=1 [SID_YES i_allow.png] [SID_NO i_deny.png] [- -]";
+    EXPECT_EQ(Words(posted[1]), head + "2" + title + "TV_NEW_HOME_APPLIANCE_DETECTED" + tail);
+    EXPECT_EQ(Words(posted[2]), head + "3" + title + "TV_NEED_REGISTER_APPLIANCE_MSG" + tail);
+}
+
+TEST_F(LumoraNotificationTest, EveryPostedItemIsTakenDownInOrderAtTheEnd)
+{
+    auto n = Device("dev", "Other");
+    ASSERT_EQ(presenter->Add(5, &n), 1);
+    ASSERT_EQ(presenter->Add(1, &list), 1);
+    ASSERT_EQ(presenter->Add(5, &n), 1);
+    presenter.reset();
+    EXPECT_THAT(noti::Removals(), ElementsAre(Removal(1), Removal(2), Removal(3)));
 }
 
 TEST_F(LumoraNotificationTest, OnlyTheSecondButtonOfALaunchItemLaunchesTheWidgetForItsDevice)
 {
-    LumoraNotification presenter;
     WidgetIs(true, false);
     auto n = Device("washer-7", "Always");
-    ASSERT_EQ(presenter.Add(5, &n), 1);
+    ASSERT_EQ(presenter->Add(5, &n), 1);
     log.Clear();
     ASSERT_TRUE(noti::PressButton(1, 0));
     noti::WaitDelivered();
     EXPECT_TRUE(apps::Launches().empty());
-    EXPECT_EQ(log.Messages(), (Texts{"m_OnNotificationButtonCallback: nItemId = 1, nButtonIdex = ",
-                                     "m_OnNotificationButtonCallback: pNotiItem->nType = 1"}));
-
-    // Pressed twice: two launches, the pop-up stays. The widget runs now, so
-    // the next item is of type 0 and ignores both buttons.
+    EXPECT_THAT(log.Messages(), ElementsAre("m_OnNotificationButtonCallback: nItemId = 1, nButtonIdex = ",
+                                            "m_OnNotificationButtonCallback: pNotiItem->nType = 1"));
+    // Pressed twice: two launches, the pop-up stays.
     ASSERT_TRUE(noti::PressButton(1, 1));
     ASSERT_TRUE(noti::PressButton(1, 1));
     noti::WaitDelivered();
     EXPECT_TRUE(noti::Removals().empty());
+    EXPECT_THAT(apps::Launches(), ElementsAre(LaunchOf("washer-7"), LaunchOf("washer-7")));
+}
+
+// The widget runs: the item is of type 0 and ignores both buttons.
+TEST_F(LumoraNotificationTest, AnOkItemLaunchesNothing)
+{
+    WidgetIs(true, true);
     auto ok = Device("washer-8", "Always");
-    ASSERT_EQ(presenter.Add(5, &ok), 1);
-    ASSERT_TRUE(noti::PressButton(2, 0));
+    ASSERT_EQ(presenter->Add(5, &ok), 1);
+    ASSERT_TRUE(noti::PressButton(1, 0));
     noti::WaitDelivered();
-    Peer::Press(2, 1, &presenter);
+    Peer::Press(1, 1, presenter.get());
     EXPECT_EQ(log.Count("m_OnNotificationButtonCallback: pNotiItem->nType = 0"), 2);
+    EXPECT_TRUE(apps::Launches().empty());
+}
 
-    // A new-device item launches with the empty device id.
-    CNewDeviceList list;
-    ASSERT_TRUE(list.Parse(kNewDevices, ""));
-    ASSERT_EQ(presenter.Add(1, &list), 1);
-    ASSERT_TRUE(noti::PressButton(3, 1));
+TEST_F(LumoraNotificationTest, ANewDeviceItemLaunchesWithTheEmptyDevice)
+{
+    WidgetIs(true, false);
+    ASSERT_EQ(presenter->Add(1, &list), 1);
+    ASSERT_TRUE(noti::PressButton(1, 1));
     noti::WaitDelivered();
-    Texts launched;
-    for (const auto &l : apps::Launches())
-        launched.push_back(l.appId +
-                           (l.extraData.size() == 1 ? " " + l.extraData[0].first + "=" + l.extraData[0].second : " ?"));
-    EXPECT_EQ(launched, (Texts{"PzKmRvTqXa.Lumora deviceID=washer-7", "PzKmRvTqXa.Lumora deviceID=washer-7",
-                               "PzKmRvTqXa.Lumora deviceID="}));
+    EXPECT_THAT(apps::Launches(), ElementsAre(LaunchOf("")));
+}
 
+TEST_F(LumoraNotificationTest, APressWithoutPresenterAndATimeoutAreOnlyLogged)
+{
+    WidgetIs(true, false);
+    auto n = Device("washer-7", "Always");
+    ASSERT_EQ(presenter->Add(5, &n), 1);
     log.Clear();
     Peer::Press(1, 1, nullptr);
-    ASSERT_TRUE(noti::TimeOut(3));
+    ASSERT_TRUE(noti::TimeOut(1));
     noti::WaitDelivered();
-    EXPECT_EQ(log.Messages(), (Texts{"m_OnNotificationButtonCallback: nItemId = 1, nButtonIdex = ",
-                                     "m_OnNotificationButtonCallback: error the userdata is NULL",
-                                     "m_OnNotificationTimeoutCallback: nItemId = 3"}));
-    EXPECT_EQ(apps::Launches().size(), 3u);
+    EXPECT_THAT(log.Messages(), ElementsAre("m_OnNotificationButtonCallback: nItemId = 1, nButtonIdex = ",
+                                            "m_OnNotificationButtonCallback: error the userdata is NULL",
+                                            "m_OnNotificationTimeoutCallback: nItemId = 1"));
+    EXPECT_TRUE(apps::Launches().empty());
 }
 
 } // namespace

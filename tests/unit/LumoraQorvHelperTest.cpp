@@ -1,4 +1,7 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <memory>
 
 #include "EngineSim.h"
 #include "LogCapture.h"
@@ -7,6 +10,8 @@
 namespace {
 
 using Texts = std::vector<std::string>;
+using ::testing::ElementsAre;
+using ::testing::StartsWith;
 
 // The engine's call returns only once the object has answered.
 struct Recorder : IQorvHelperCallBack {
@@ -39,109 +44,158 @@ Texts Lines(LogCapture &log)
 
 } // namespace
 
-TEST(LumoraQorvHelper, CallsReachTheEngineOnlyWhileStartedAndEventsReachTheObjectUntilTheBindingGoes)
-{
+namespace {
+
+// A binding over the simulated engine, with the log since the last Lines().
+class LumoraQorvHelper : public ::testing::Test {
+protected:
+    void Start()
+    {
+        ASSERT_EQ(helper->StartQorv(), 1);
+        ASSERT_EQ(helper->SetCallback(&rec), 1);
+        Lines(log);
+    }
     LogCapture log;
     EngineSim sim;
     Recorder rec;
-    {
-        CLumoraQorvHelper helper;
-        // Stopped: nothing reaches the engine, and everything but a start counts as done.
-        EXPECT_EQ(helper.RefreshQorv(), 1);
-        EXPECT_EQ(helper.SetCallback(&rec), 1);
-        EXPECT_EQ(helper.Execute("SetLanguage", "ko", "", "", ""), "");
-        EXPECT_EQ(helper.StopQorv(), 1);
-        const std::string notStarted = " CLumoraQorvHelper Lumora Helper has not been started!";
-        EXPECT_EQ(Lines(log), (Texts{"6" + notStarted, "6" + notStarted, "3" + notStarted, "3" + notStarted}));
-        EXPECT_EQ(sim.Emit(5, "<x/>", ""), -2) << "the engine never got a callback";
+    std::unique_ptr<CLumoraQorvHelper> helper = std::make_unique<CLumoraQorvHelper>();
+};
 
-        EXPECT_EQ(helper.StartQorv(), 1);
-        EXPECT_EQ(helper.StartQorv(), 1);
-        EXPECT_EQ(Lines(log),
-                  (Texts{"3 CLumoraQorvHelper Begin to start qorv!", "3 CLumoraQorvHelper start qorv success!",
-                         "3 CLumoraQorvHelper Lumora Helper has been started already!"}));
-        EXPECT_EQ(sim.Calls("qorv_start"), 1);
+const std::string kNotStarted = " CLumoraQorvHelper Lumora Helper has not been started!";
 
-        EXPECT_EQ(helper.SetCallback(nullptr), 0);
-        EXPECT_EQ(helper.SetCallback(&rec), 1);
-        EXPECT_EQ(sim.Calls("qorv_register_callback"), 1);
-        EXPECT_EQ(Lines(log),
-                  (Texts{"6 The pLUManagerInst is invalid!", "3 CLumoraQorvHelper Begin to register callback!",
-                         "3 CLumoraQorvHelper register callback success!"}));
-        EXPECT_EQ(sim.Emit(5, "<n id='1'/>", "second"), 42) << "the object's answer goes back to the engine";
-        rec.nAnswer = -7;
-        EXPECT_EQ(sim.Emit(12291, "", ""), -7);
-        EXPECT_EQ(CLumoraQorvHelper::m_OnQorvEvent(1, nullptr, "b"), -1);
-        EXPECT_EQ(CLumoraQorvHelper::m_OnQorvEvent(1, "a", nullptr), -1);
-        EXPECT_EQ(Lines(log), Texts(2, "6 The param1 or param2 is invalid !"));
-        EXPECT_EQ(rec.events, (Texts{"5|<n id='1'/>|second", "12291||"}));
+} // namespace
 
-        // The third and fourth parameters reach the engine but never the log; the
-        // refresh makes the engine report its devices again, later, on its thread.
-        EXPECT_EQ(helper.Execute("SetLanguage", "ko_KR", "p2", "p3-secret", "p4-secret"), "OK");
-        EXPECT_EQ(sim.LastCommand(), "SetLanguage ko_KR");
-        EXPECT_EQ(helper.RefreshQorv(), 1);
-        EXPECT_EQ(helper.StopQorv(), 1);
-        EXPECT_EQ(helper.StopQorv(), 1);
-        EXPECT_EQ(
-            Lines(log),
-            (Texts{"3 CLumoraQorvHelper Begin to Execute strCommand = SetLanguage!",
-                   "3 CLumoraQorvHelper Begin to Execute strParam1 = ko_KR!",
-                   "3 CLumoraQorvHelper Begin to Execute strParam2 = p2!",
-                   "3 CLumoraQorvHelper Begin to Execute strResult = OK!", "3 CLumoraQorvHelper Begin to refresh qorv!",
-                   "3 CLumoraQorvHelper Refresh qorv success!", "3 CLumoraQorvHelper Begin to stop qorv!",
-                   "3 CLumoraQorvHelper Stop qorv success!", "3" + notStarted}));
-        EXPECT_EQ(sim.Calls("qorv_refresh"), 1);
-        EXPECT_EQ(sim.Calls("qorv_stop"), 1);
-    }
-    // The engine may still call once the binding is gone: the object is forgotten.
-    EXPECT_EQ(sim.Emit(1, "a", "b"), -1);
-    EXPECT_EQ(Lines(log), Texts{"6 The m_pQorvHelperCallback is invalid!"});
+// Everything but a start counts as done.
+TEST_F(LumoraQorvHelper, NothingReachesAStoppedEngine)
+{
+    EXPECT_EQ(helper->RefreshQorv(), 1);
+    EXPECT_EQ(helper->SetCallback(&rec), 1);
+    EXPECT_EQ(helper->Execute("SetLanguage", "ko", "", "", ""), "");
+    EXPECT_EQ(helper->StopQorv(), 1);
+    EXPECT_THAT(Lines(log), ElementsAre("6" + kNotStarted, "6" + kNotStarted, "3" + kNotStarted, "3" + kNotStarted));
+    EXPECT_EQ(sim.Emit(5, "<x/>", ""), -2) << "the engine never got a callback";
 }
 
-TEST(LumoraQorvHelper, BrokenLibrariesLeaveTheBindingUsableAndSayWhatIsMissing)
+TEST_F(LumoraQorvHelper, TheEngineStartsOnce)
+{
+    EXPECT_EQ(helper->StartQorv(), 1);
+    EXPECT_EQ(helper->StartQorv(), 1);
+    EXPECT_THAT(Lines(log),
+                ElementsAre("3 CLumoraQorvHelper Begin to start qorv!", "3 CLumoraQorvHelper start qorv success!",
+                            "3 CLumoraQorvHelper Lumora Helper has been started already!"));
+    EXPECT_EQ(sim.Calls("qorv_start"), 1);
+}
+
+TEST_F(LumoraQorvHelper, ANullCallbackIsRefused)
+{
+    ASSERT_EQ(helper->StartQorv(), 1);
+    Lines(log);
+    EXPECT_EQ(helper->SetCallback(nullptr), 0);
+    EXPECT_EQ(helper->SetCallback(&rec), 1);
+    EXPECT_EQ(sim.Calls("qorv_register_callback"), 1);
+    EXPECT_THAT(Lines(log),
+                ElementsAre("6 The pLUManagerInst is invalid!", "3 CLumoraQorvHelper Begin to register callback!",
+                            "3 CLumoraQorvHelper register callback success!"));
+}
+
+TEST_F(LumoraQorvHelper, EventsReachTheObjectAndItsAnswerTheEngine)
+{
+    Start();
+    EXPECT_EQ(sim.Emit(5, "<n id='1'/>", "second"), 42);
+    rec.nAnswer = -7;
+    EXPECT_EQ(sim.Emit(12291, "", ""), -7);
+    EXPECT_EQ(CLumoraQorvHelper::m_OnQorvEvent(1, nullptr, "b"), -1);
+    EXPECT_EQ(CLumoraQorvHelper::m_OnQorvEvent(1, "a", nullptr), -1);
+    EXPECT_EQ(Lines(log), Texts(2, "6 The param1 or param2 is invalid !"));
+    EXPECT_THAT(rec.events, ElementsAre("5|<n id='1'/>|second", "12291||"));
+}
+
+// The third and fourth parameters reach the engine but never the log.
+TEST_F(LumoraQorvHelper, ExecuteLogsTheCommandTwoParametersAndTheResult)
+{
+    Start();
+    EXPECT_EQ(helper->Execute("SetLanguage", "ko_KR", "p2", "p3-secret", "p4-secret"), "OK");
+    EXPECT_EQ(sim.LastCommand(), "SetLanguage ko_KR");
+    EXPECT_THAT(Lines(log), ElementsAre("3 CLumoraQorvHelper Begin to Execute strCommand = SetLanguage!",
+                                        "3 CLumoraQorvHelper Begin to Execute strParam1 = ko_KR!",
+                                        "3 CLumoraQorvHelper Begin to Execute strParam2 = p2!",
+                                        "3 CLumoraQorvHelper Begin to Execute strResult = OK!"));
+}
+
+TEST_F(LumoraQorvHelper, RefreshAndStopReachTheEngineOnce)
+{
+    Start();
+    EXPECT_EQ(helper->RefreshQorv(), 1);
+    EXPECT_EQ(helper->StopQorv(), 1);
+    EXPECT_EQ(helper->StopQorv(), 1);
+    EXPECT_THAT(Lines(log),
+                ElementsAre("3 CLumoraQorvHelper Begin to refresh qorv!", "3 CLumoraQorvHelper Refresh qorv success!",
+                            "3 CLumoraQorvHelper Begin to stop qorv!", "3 CLumoraQorvHelper Stop qorv success!",
+                            "3" + kNotStarted));
+    EXPECT_EQ(sim.Calls("qorv_refresh"), 1);
+    EXPECT_EQ(sim.Calls("qorv_stop"), 1);
+}
+
+// The engine may still call once the binding is gone.
+TEST_F(LumoraQorvHelper, TheObjectIsForgottenWithTheBinding)
+{
+    Start();
+    helper.reset();
+    Lines(log);
+    EXPECT_EQ(sim.Emit(1, "a", "b"), -1);
+    EXPECT_THAT(Lines(log), ElementsAre("6 The m_pQorvHelperCallback is invalid!"));
+}
+
+TEST(BrokenEngineLibrary, AMissingOneIsNamedAndNeverStarts)
 {
     LogCapture log;
-    {
-        LibraryPath path("/nonexistent/libqorv_helper.so");
-        CLumoraQorvHelper helper;
-        EXPECT_EQ(helper.StartQorv(), 0);
-        auto lines = Lines(log);
-        ASSERT_EQ(lines.size(), 3u);
-        EXPECT_EQ(lines[0], "6 Open the qorv helper library failed!");
-        EXPECT_EQ(lines[1].rfind("6 Open failed the error is /nonexistent/libqorv_helper.so", 0), 0u) << lines[1];
-        EXPECT_EQ(lines[2], "6 CLumoraQorvHelper the m_pQorv_Start is NULL!");
-    }
-    {
-        // A missing symbol ends the lookup: register, execute and refresh are there but
-        // never looked up. A stop that cannot be made leaves it started.
-        LibraryPath path(EngineSim::Variant("nostop"));
-        CLumoraQorvHelper helper;
-        Recorder rec;
-        ASSERT_EQ(helper.StartQorv(), 1);
-        EXPECT_EQ(helper.SetCallback(&rec), 0);
-        EXPECT_EQ(helper.RefreshQorv(), 0);
-        EXPECT_EQ(helper.Execute("SetLanguage", "en", "", "", ""), "");
-        EXPECT_EQ(helper.StopQorv(), 0);
-        EXPECT_EQ(helper.StopQorv(), 0);
-        EXPECT_EQ(
-            Lines(log),
-            (Texts{
-                "6 CLumoraQorvHelper Get the qorv_stop function failed!", "3 CLumoraQorvHelper Begin to start qorv!",
-                "3 CLumoraQorvHelper start qorv success!", "6 CLumoraQorvHelper the m_pQrov_RegisterCallBack is NULL!",
-                "6 CLumoraQorvHelper the m_pQorv_Refresh is NULL!", "6 CLumoraQorvHelper the m_pQorv_Execute is NULL!",
-                "6 CLumoraQorvHelper the m_pQorv_Stop is NULL!", "6 CLumoraQorvHelper the m_pQorv_Stop is NULL!"}));
-    }
-    {
-        LibraryPath path(EngineSim::Variant("startfails"));
-        EngineSim sim(path.path);
-        CLumoraQorvHelper helper;
-        EXPECT_EQ(helper.StartQorv(), 0);
-        EXPECT_EQ(helper.StartQorv(), 0);
-        EXPECT_EQ(sim.Calls("qorv_start"), 2) << "a failed start is not remembered";
-        EXPECT_EQ(Lines(log), (Texts{"3 CLumoraQorvHelper Begin to start qorv!", "6 Start QORV failed!",
-                                     "3 CLumoraQorvHelper Begin to start qorv!", "6 Start QORV failed!"}));
-    }
+    LibraryPath path("/nonexistent/libqorv_helper.so");
+    CLumoraQorvHelper helper;
+    EXPECT_EQ(helper.StartQorv(), 0);
+    EXPECT_THAT(Lines(log), ElementsAre("6 Open the qorv helper library failed!",
+                                        StartsWith("6 Open failed the error is /nonexistent/libqorv_helper.so"),
+                                        "6 CLumoraQorvHelper the m_pQorv_Start is NULL!"));
+}
+
+// Register, execute and refresh are there but never looked up. A stop that
+// cannot be made leaves it started.
+TEST(BrokenEngineLibrary, AMissingSymbolEndsTheLookup)
+{
+    LogCapture log;
+    LibraryPath path(EngineSim::Variant("nostop"));
+    CLumoraQorvHelper helper;
+    Recorder rec;
+    ASSERT_EQ(helper.StartQorv(), 1);
+    EXPECT_EQ(helper.SetCallback(&rec), 0);
+    EXPECT_EQ(helper.RefreshQorv(), 0);
+    EXPECT_EQ(helper.Execute("SetLanguage", "en", "", "", ""), "");
+    EXPECT_EQ(helper.StopQorv(), 0);
+    EXPECT_EQ(helper.StopQorv(), 0);
+    EXPECT_THAT(
+        Lines(log),
+        ElementsAre(
+            "6 CLumoraQorvHelper Get the qorv_stop function failed!", "3 CLumoraQorvHelper Begin to start qorv!",
+            "3 CLumoraQorvHelper start qorv success!", "6 CLumoraQorvHelper the m_pQrov_RegisterCallBack is NULL!",
+            "6 CLumoraQorvHelper the m_pQorv_Refresh is NULL!", "6 CLumoraQorvHelper the m_pQorv_Execute is NULL!",
+            "6 CLumoraQorvHelper the m_pQorv_Stop is NULL!", "6 CLumoraQorvHelper the m_pQorv_Stop is NULL!"));
+}
+
+TEST(BrokenEngineLibrary, AFailedStartIsNotRemembered)
+{
+    LogCapture log;
+    LibraryPath path(EngineSim::Variant("startfails"));
+    EngineSim sim(path.path);
+    CLumoraQorvHelper helper;
+    EXPECT_EQ(helper.StartQorv(), 0);
+    EXPECT_EQ(helper.StartQorv(), 0);
+    EXPECT_EQ(sim.Calls("qorv_start"), 2);
+    EXPECT_THAT(Lines(log), ElementsAre("3 CLumoraQorvHelper Begin to start qorv!", "6 Start QORV failed!",
+                                        "3 CLumoraQorvHelper Begin to start qorv!", "6 Start QORV failed!"));
+}
+
+TEST(BrokenEngineLibrary, ANullResultIsAnEmptyText)
+{
+    LogCapture log;
     LibraryPath path(EngineSim::Variant("execnull"));
     CLumoraQorvHelper helper;
     ASSERT_EQ(helper.StartQorv(), 1);

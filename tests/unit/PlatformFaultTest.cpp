@@ -47,19 +47,20 @@ protected:
 
 } // namespace
 
-TEST_F(PlatformFault, AFailedWatcherSubscriptionNeverStartsTheEngineAndAFailedLanguageReadSendsNothing)
+// An install is never heard of.
+TEST_F(PlatformFault, AFailedWatcherSubscriptionNeverStartsTheEngine)
 {
-    // The watcher's subscription: an install is never heard of, so the engine never starts.
     tvhost::faults::Queue("vconf_notify_key_changed", -1);
     ASSERT_EQ(Peer::Get().Construct(), 0);
     tvhost::apps::SetInstalled(kWidgetApp, true);
     tvhost::mainloop::RunFor(500ms);
     EXPECT_FALSE(log.Has("===== CLumoraWidgetChecker in m_CbWasAppChanged function 1 ====="));
     EXPECT_EQ(sim->Calls("qorv_start"), 0);
+}
 
-    // The language read fails: an empty text, which has no "." and sends
-    // nothing; the next read works again.
-    NextManager();
+// An empty text, which has no "." and sends nothing; the next read works again.
+TEST_F(PlatformFault, AFailedLanguageReadSendsNothing)
+{
     tvhost::faults::Queue("vconf_get_str", -1);
     StartWithWidget();
     ASSERT_TRUE(RunUntil([&] { return log.Has("The string has the wrong format!"); }));
