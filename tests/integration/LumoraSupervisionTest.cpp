@@ -107,7 +107,9 @@ TEST_F(LumoraSupervision, StaysReadyAndFedWhileAWidgetInstalledLateStartsTheEngi
         "</Device><Notification>Stuck under the sofa.\nPlease help: 100% sure.</Notification><Action type=\"Widget\">"
         "Open</Action><DisplayOption flag=\"On\" condition=\"Always\"/></DeviceNotification>";
     r = LumoraTv({"event", "5", "-"}, event);
-    EXPECT_EQ(r.out, "event 5: the service answered 0\n") << r.err;
+    EXPECT_EQ(r.out, "event 5: the service answered 0\npop-up #1 shown: Hall cleaner [ Close ] [ Go to Lumora ] (see: "
+                     "lumora-tv notifications 1)\n")
+        << r.err;
     EXPECT_EQ(LumoraTv({"event", "4", "-"}, "ignored").out, "event 4: the service answered 0\n");
 
     std::vector<noti::Record> shown;
@@ -124,9 +126,11 @@ TEST_F(LumoraSupervision, StaysReadyAndFedWhileAWidgetInstalledLateStartsTheEngi
     r = LumoraTv({"press", "1", "1"});
     EXPECT_NE(r.out.find("the service launched PzKmRvTqXa.Lumora with deviceID=rc-hall\n"), std::string::npos)
         << r.out << r.err;
-    r = LumoraTv({"timeout", "1"});
-    EXPECT_EQ(r.out, "pop-up #1 timed out\n") << r.err;
-    EXPECT_EQ(tv.CountInLog(">m_OnNotificationTimeoutCallback: nItemId = 1"), 1);
+    // The pressed pop-up left the screen: another one times out.
+    ASSERT_EQ(LumoraTv({"event", "5", "-"}, event).status, 0);
+    r = LumoraTv({"timeout", "2"});
+    EXPECT_EQ(r.out, "pop-up #2 timed out and left the screen\n") << r.err;
+    EXPECT_EQ(tv.CountInLog(">m_OnNotificationTimeoutCallback: nItemId = 2"), 1);
 
     // Half a minute under supervision, then the supervisor stops it.
     std::this_thread::sleep_until(tv.StartedAt() + 30s);

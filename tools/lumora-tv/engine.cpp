@@ -67,11 +67,15 @@ void Warn(const std::string &text)
     std::fprintf(stderr, "lumora-tv: warning: %s\n", text.c_str());
 }
 
-std::string Buttons(const tvhost::notifications::Record &r)
+// The title and the button labels on one line.
+std::string Summary(const tvhost::notifications::Record &r)
 {
-    std::string out;
+    std::string out = r.title.value_or("");
     for (int i = 0; i < r.buttonCount && i < 3; ++i)
         out += " [ " + r.buttonLabel[i].value_or("") + " ]";
+    for (char &c : out)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
+            c = ' ';
     return out;
 }
 
@@ -102,8 +106,7 @@ int Event(const Args &args)
     std::printf("event %d: the service answered %d%s\n", number, outcome.answer,
                 outcome.answer == -2 ? " (the engine has no callback: the service did not register one)" : "");
     for (const auto &r : outcome.shown)
-        std::printf("pop-up #%d shown: %s%s (see: lumora-tv notifications %d)\n", r.itemId,
-                    r.title.value_or("").c_str(), Buttons(r).c_str(), r.itemId);
+        std::printf("pop-up #%d shown: %s (see: lumora-tv notifications %d)\n", r.itemId, Summary(r).c_str(), r.itemId);
     if (outcome.powerOff)
         std::printf("the TV was switched off (power-off request of kind %d)\n", *outcome.powerOff);
     if (outcome.bServiceEnded)
