@@ -57,7 +57,7 @@ struct RunPlan {
     std::string binary;   // the service to start
     std::string scenario; // what the engine plays: a shipped name, or a file QORV_SIM_MODE names
     std::string why;      // why that one, for a person
-    std::string modeFile; // the scenario copied for the engine; empty when QORV_SIM_MODE names one
+    std::string modeFile; // where the shipped scenario was copied for the engine
     int lockFd = -1;      // the run lock, held by the service after the exec
 };
 // Gets the TV root ready for a run: takes the run lock (one service per host

@@ -145,7 +145,7 @@ std::string ScenarioText(const std::string &name)
     for (const auto &t : texts)
         if (name == t.first)
             return t.second;
-    return "a scenario of this tree's TV root";
+    return "a mode file of your own";
 }
 
 RunPlan PrepareRun(const std::string &scenario)
@@ -168,21 +168,19 @@ RunPlan PrepareRun(const std::string &scenario)
     const char *pModeEnv = std::getenv("QORV_SIM_MODE");
     plan.lockFd = TakeLock();
 
-    {
-        // Always copied: a scenario left in the data folder by an earlier
-        // run (the demo's switches the TV off) must not replay unasked.
-        plan.scenario = scenario.empty() ? kDefaultScenario : scenario;
-        plan.why = scenario.empty() ? "the default without --scenario NAME" : "--scenario " + scenario;
-        const std::string source = ScenarioDir() + "/" + plan.scenario + ".xml";
-        std::error_code ec;
-        fs::create_directories(DataDir(), ec);
-        if (ec)
-            throw Error(Error::Kind::kCannot, "cannot create the data folder " + DataDir() + ": " + ec.message());
-        plan.modeFile = DataDir() + "/mode.xml";
-        fs::copy_file(source, plan.modeFile, fs::copy_options::overwrite_existing, ec);
-        if (ec)
-            throw Error(Error::Kind::kCannot, "cannot copy " + source + " to " + plan.modeFile + ": " + ec.message());
-    }
+    // Always copied: a scenario left in the data folder by an earlier run
+    // (the demo's switches the TV off) must not replay unasked.
+    plan.scenario = scenario.empty() ? kDefaultScenario : scenario;
+    plan.why = scenario.empty() ? "the default without --scenario NAME" : "--scenario " + scenario;
+    const std::string source = ScenarioDir() + "/" + plan.scenario + ".xml";
+    std::error_code ec;
+    fs::create_directories(DataDir(), ec);
+    if (ec)
+        throw Error(Error::Kind::kCannot, "cannot create the data folder " + DataDir() + ": " + ec.message());
+    plan.modeFile = DataDir() + "/mode.xml";
+    fs::copy_file(source, plan.modeFile, fs::copy_options::overwrite_existing, ec);
+    if (ec)
+        throw Error(Error::Kind::kCannot, "cannot copy " + source + " to " + plan.modeFile + ": " + ec.message());
     // The engine reads the file this names before the data folder's.
     if (pModeEnv && *pModeEnv) {
         plan.why = "QORV_SIM_MODE names it; the engine reads it instead of " + plan.scenario;

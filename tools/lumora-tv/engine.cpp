@@ -87,22 +87,21 @@ int Event(const Args &args)
     if (!tvhost::ParseInt(args[0], number))
         throw UsageError("bad event number \"" + args[0] + "\": give a whole decimal number such as 5 or 12291");
     const std::string text = ReadText(args[1]);
-    // The engine hands the service C strings: it would see the text only up to a NUL.
+    // Sent all the same: what the service does with such a text is worth seeing.
+    const std::string source = args[1] == "-" ? "the standard input" : args[1];
     const size_t nul = text.find('\0');
-    if (nul != std::string::npos)
-        throw hosttv::Error(hosttv::Error::Kind::kCannot,
-                            (args[1] == "-" ? std::string("the standard input") : args[1]) +
-                                " holds a NUL byte (at byte " + std::to_string(nul) +
-                                "): a binary file? The service would see only the text before it; not sent");
     const hosttv::EventKind *kind = hosttv::FindEventKind(number);
     if (!kind)
         Warn("the service does nothing for event " + std::to_string(number) + "; it acts on " + SampleNames());
     else if (number != 12291 && text.empty())
         Warn("the text is empty; the service will not parse it");
+    else if (nul != std::string::npos)
+        Warn(source + " holds a NUL byte (at byte " + std::to_string(nul) +
+             "): a binary file? The engine hands the service C strings: it sees the text before it only");
     else if (!IsUtf8(text))
-        Warn(args[1] + " is not UTF-8 text");
+        Warn(source + " is not UTF-8 text");
 
-    const hosttv::EventOutcome outcome = hosttv::SendEvent(number, text, std::chrono::seconds(1));
+    const hosttv::EventOutcome outcome = hosttv::SendEvent(number, text, std::chrono::milliseconds(500));
     std::printf("event %d: the service answered %d%s\n", number, outcome.answer,
                 outcome.answer == -2 ? " (the engine has no callback: the service did not register one)" : "");
     for (const auto &r : outcome.shown)
