@@ -69,9 +69,11 @@ check: test test-tsan fuzz-long check32
 # Only what the tour runs: the service, lumora-tv, the engine and the TV root.
 DEMO_TARGETS := lumora lumora-tv qorv_helper tvroot_files lumora_translations
 
+# The tour's own output matters here: no "Entering directory" lines of the
+# build's make.
 demo: deps
 	cmake --preset host -B $(HOST_DIR)
-	cmake --build $(HOST_DIR) -j $(JOBS) --target $(DEMO_TARGETS)
+	cmake --build $(HOST_DIR) -j $(JOBS) --target $(DEMO_TARGETS) -- --no-print-directory
 	@LUMORA_DEMO_BUILD=$(abspath $(HOST_DIR)) scripts/demo
 
 # Benchmarks (Release tree build/bench): Google Benchmark's output, then one

@@ -50,19 +50,21 @@ TEST_F(LumoraDemoTour, WrongPressesAreRefusedWithTheReason)
 {
     LumoraTvResult r = LumoraTv({"press", "9", "1"});
     EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "lumora-tv: no notification #9 on screen (on screen: #1, #2)\n");
-    EXPECT_EQ(LumoraTv({"press", "2", "2"}).err, "lumora-tv: notification #2 has 2 buttons: press 0 to 1\n");
+    EXPECT_EQ(r.err, "lumora-tv: no pop-up #9 on screen (2 on screen: #1, #2)\n");
+    EXPECT_EQ(LumoraTv({"press", "2", "2"}).err, "lumora-tv: pop-up #2 has 2 buttons: press 0 to 1\n");
 }
 
-TEST_F(LumoraDemoTour, CloseLaunchesNothingAndGoToLumoraLaunchesTheWidget)
+// An answered pop-up leaves the screen.
+TEST_F(LumoraDemoTour, YesLaunchesNothingAndGoToLumoraLaunchesTheWidget)
 {
-    EXPECT_EQ(LumoraTv({"press", "2", "0"}).out,
-              "pressed [ Close ] (button 0) of pop-up #2\nthe service launched nothing\n");
+    EXPECT_EQ(LumoraTv({"press", "1", "0"}).out,
+              "pressed [ Yes ] (button 0) of pop-up #1\nthe service launched nothing\n");
     LumoraTvResult r = LumoraTv({"press", "2", "1"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "pressed [ Go to Lumora ] (button 1) of pop-up #2\n"
                      "the service launched PzKmRvTqXa.Lumora with deviceID=ac-living\n");
     EXPECT_EQ(tv->CountInLog("=== Succeeded to launch a WebApp ====="), 1);
+    EXPECT_THAT(Popups(), ElementsAre());
 }
 
 TEST_F(LumoraDemoTour, WifiRefreshesTheEngineWhichReportsItsDevicesAgain)
@@ -77,9 +79,7 @@ TEST_F(LumoraDemoTour, LaterPopupsAreKoreanWithOnlyOkWhileTheWidgetRuns)
 {
     ASSERT_EQ(LumoraTv({"set", "db/menu_widget/language", "ko_KR.UTF-8"}).status, 0);
     ASSERT_TRUE(tv->WaitForLog("┌─ org.kelvar.lumora #3 ", 15s)) << tv->Log();
-    const std::vector<std::string> popups = Popups();
-    ASSERT_EQ(popups.size(), 3u);
-    EXPECT_EQ(popups.back(), "3\tLaundry\t확인");
+    EXPECT_THAT(Popups(), ElementsAre("3\tLaundry\t확인"));
     EXPECT_THAT(LumoraTv({"notifications", "3"}).out, HasSubstr("세탁이 완료되었습니다."));
 }
 

@@ -39,15 +39,21 @@ TEST(LumoraLoad, AStormWithPressesAndLanguageFlipsKeepsTheServiceUpAndFed)
     tv.Start({"--scenario", "storm"});
     ASSERT_TRUE(tv.WaitForLog(">Success to start qorv!", 20s)) << tv.Log().substr(0, 4000);
 
-    // Another process, every 100 ms: a press of "Yes" on a new-device pop-up
-    // (the odd items), or a language flip.
+    // Another process, every 100 ms: a press of "Yes" on the newest new-device
+    // pop-up on screen (the odd items; an answered one leaves the screen), or
+    // a language flip.
     std::atomic<bool> bStop{false};
     int nPresses = 0, nPressesDone = 0, nFlips = 0, nFlipsDone = 0;
     std::thread driver([&] {
         for (int i = 0; !bStop; ++i) {
             if (i % 2 == 0) {
                 ++nPresses;
-                nPressesDone += LumoraTv({"press", std::to_string(2 * (i / 2 % 200) + 1), "1"}).status == 0;
+                std::istringstream shown(LumoraTv({"notifications", "--brief"}).out);
+                std::string line, item = "1";
+                while (std::getline(shown, line))
+                    if (std::atoi(line.c_str()) % 2)
+                        item = std::to_string(std::atoi(line.c_str()));
+                nPressesDone += LumoraTv({"press", item, "1"}).status == 0;
             } else {
                 ++nFlips;
                 const char *language = (i / 2) % 2 ? "en_US.UTF-8" : "ko_KR.UTF-8";

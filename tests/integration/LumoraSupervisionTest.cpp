@@ -103,7 +103,9 @@ TEST_F(LumoraSupervision, AnEventsTextsCrossTheControlSocketWhole)
         "<DeviceNotification id=\"e2e-1\" type=\"Alarm\"><Device id=\"rc-hall\" type=\"Robot Cleaner\">Hall\tcleaner"
         "</Device><Notification>Stuck under the sofa.\nPlease help: 100% sure.</Notification><Action type=\"Widget\">"
         "Open</Action><DisplayOption flag=\"On\" condition=\"Always\"/></DeviceNotification>";
-    EXPECT_EQ(LumoraTv({"event", "5", "-"}, event).out, "event 5: the service answered 0\n");
+    EXPECT_EQ(LumoraTv({"event", "5", "-"}, event).out,
+              "event 5: the service answered 0\npop-up #1 shown: Hall cleaner [ Close ] [ Go to Lumora ] (see: "
+              "lumora-tv notifications 1)\n");
     EXPECT_EQ(LumoraTv({"event", "4", "-"}, "ignored").out, "event 4: the service answered 0\n");
 
     std::vector<noti::Record> shown;
@@ -117,7 +119,7 @@ TEST_F(LumoraSupervision, AnEventsTextsCrossTheControlSocketWhole)
 
 TEST_F(LumoraSupervision, ATimeoutFromAnotherProcessIsLogged)
 {
-    EXPECT_EQ(LumoraTv({"timeout", "1"}).out, "pop-up #1 timed out\n");
+    EXPECT_EQ(LumoraTv({"timeout", "1"}).out, "pop-up #1 timed out and left the screen\n");
     EXPECT_EQ(tv->CountInLog(">m_OnNotificationTimeoutCallback: nItemId = 1"), 1);
 }
 

@@ -52,7 +52,7 @@ TEST_F(LumoraTvCommand, WrongCommandLinesExitWithUsageStatusAndSayWhatIsWrong)
         std::vector<std::string> errParts;
     } cases[] = {
         {{}, {"usage: lumora-tv COMMAND"}},
-        {{"bogus"}, {"unknown command \"bogus\"", "usage: lumora-tv COMMAND"}},
+        {{"bogus"}, {"unknown command \"bogus\"", "lumora-tv help"}},
         {{"set", "db/menu_widget/langauge", "ko"},
          {"unknown settings key \"db/menu_widget/langauge\"", "db/menu_widget/language", "memory/was/app_change"}},
         {{"set", "memory/was/app_change", "12x"}, {"bad number \"12x\" for memory/was/app_change"}},
@@ -161,7 +161,7 @@ TEST_F(LumoraTvCommand, WhatNeedsTheServiceSaysHowToStartIt)
         EXPECT_EQ(r.err, std::string("lumora-tv: ") + kNotRunning + "\n");
     }
     const LumoraTvResult r = LumoraTv({"status"});
-    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.status, 3);
     EXPECT_THAT(r.out, HasSubstr("service:   not running (start it with: lumora-tv run)"));
 }
 

@@ -5,6 +5,7 @@
 // text is meant for the person who asked.
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -38,7 +39,8 @@ int ReadNumber(const std::string &text, const std::string &what);
 
 // ---- the service: run, reset, status, power ---------------------------------
 
-// The running service's process id; 0 when none runs.
+// The running service's process id; 0 when none runs. A service that
+// `lumora-tv run` started counts from its start, before it answers.
 int ServicePid();
 
 // Whether the engine inside the running service takes events.
@@ -46,14 +48,22 @@ bool EngineAnswers();
 
 // The scenarios shipped with the engine (names without .xml), sorted.
 std::vector<std::string> Scenarios();
+// What a shipped scenario makes the engine do, for a person.
+std::string ScenarioText(const std::string &name);
+// The scenario a plain `run` plays.
+extern const char kDefaultScenario[];
 
 struct RunPlan {
     std::string binary;   // the service to start
-    std::string modeFile; // the scenario copied for the engine; empty without one
+    std::string scenario; // what the engine plays: a shipped name, or a file QORV_SIM_MODE names
+    std::string why;      // why that one, for a person
+    std::string modeFile; // where the shipped scenario was copied for the engine
+    int lockFd = -1;      // the run lock, held by the service after the exec
 };
-// Gets the TV root ready for a run: refuses while a service runs or when the
-// service is not built, puts scenario (when not empty) in place as the
-// engine's mode.xml, and forgets earlier power-offs.
+// Gets the TV root ready for a run: takes the run lock (one service per host
+// TV: refused while one runs) and refuses when the service is not built; puts
+// scenario (kDefaultScenario when empty, unless QORV_SIM_MODE names a file) in
+// place as the engine's mode.xml, and forgets earlier power-offs.
 RunPlan PrepareRun(const std::string &scenario);
 // Replaces this process with the service; returns only by throwing.
 [[noreturn]] void ExecService(const RunPlan &plan);
@@ -61,6 +71,10 @@ RunPlan PrepareRun(const std::string &scenario);
 // The fresh host TV: widget installed and closed, language kFreshLanguage,
 // Ethernet, no data folder, TV on. Refused while the service runs.
 void Reset();
+
+// Asks the running service to end (SIGTERM) and waits up to wait for it;
+// its pid. Refused when none runs or it does not end in time.
+int StopService(std::chrono::seconds wait);
 
 struct Power {
     bool bOff = false;
@@ -92,6 +106,10 @@ struct SettingKey {
     const char *name;
     bool bNumber;
     const char *what; // its type and meaning, for a person
+    // The values the service acts on; nullptr: any. A value it would ignore
+    // is refused unless forced.
+    bool (*accepts)(const std::string &value);
+    const char *form; // what accepts wants, for a person
 };
 const std::vector<SettingKey> &SettingKeys();
 // The known key called name; a bad request naming every known key otherwise.
@@ -99,8 +117,8 @@ const SettingKey &FindSettingKey(const std::string &name);
 // The key's value as text; nothing when it is not set.
 std::optional<std::string> GetSetting(const SettingKey &key);
 // Writes the key (a number key takes a whole decimal number) and tells the
-// running service.
-void SetSetting(const SettingKey &key, const std::string &value);
+// running service. A value the key does not accept is refused unless bForce.
+void SetSetting(const SettingKey &key, const std::string &value, bool bForce = false);
 
 // ---- the widget and the network ---------------------------------------------
 
@@ -139,5 +157,42 @@ void TimeOut(int item);
 
 // Raises engine event number with param as its first parameter; the service's answer.
 int RaiseEvent(int number, const std::string &param);
+
+// The events the service acts on, with a sample text shipped in the TV root.
+struct EventKind {
+    int number;
+    const char *sample; // name of the sample text (without .xml)
+    const char *what;   // what the service does with it, for a person
+};
+const std::vector<EventKind> &EventKinds();
+// The kind of event number; nullptr when the service ignores it.
+const EventKind *FindEventKind(int number);
+// The path of the shipped sample text called name (with or without .xml);
+// empty when there is none.
+std::string EventSample(const std::string &name);
+
+// What the host TV saw after an event.
+struct EventOutcome {
+    int answer = 0;                                   // the service's answer
+    std::vector<tvhost::notifications::Record> shown; // pop-ups that appeared
+    std::optional<int> powerOff;                      // the kind, when the TV was switched off
+    bool bServiceEnded = false;
+};
+// Raises the event like RaiseEvent, then watches the screen and the power for
+// up to wait for what the event's kind makes the service do.
+EventOutcome SendEvent(int number, const std::string &param, std::chrono::milliseconds wait);
+
+} // namespace hosttv
+
+namespace hosttv {
+
+// ---- for scripts and the browser: the answers as JSON (one line, no spaces) ----
+
+std::string JsonString(const std::string &text);
+std::string Json(const Status &status);
+std::string Json(const Power &power);
+// {"key":"value" or null, ...} of the keys given.
+std::string Json(const std::vector<const SettingKey *> &keys);
+std::string Json(const std::vector<tvhost::notifications::Record> &records);
 
 } // namespace hosttv

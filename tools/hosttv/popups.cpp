@@ -33,8 +33,7 @@ noti::Record Popup(int item)
     for (const auto &r : records)
         if (r.itemId == item)
             return r;
-    throw Error(Error::Kind::kCannot,
-                "no pop-up #" + std::to_string(item) + " on screen (" + noti::OnScreenText(records) + ")");
+    throw Error(Error::Kind::kCannot, noti::NotOnScreenText(item, records));
 }
 
 Press PressButton(int item, int button)
@@ -59,12 +58,20 @@ void TimeOut(int item)
 
 int RaiseEvent(int number, const std::string &param)
 {
+    // Longer than any single event takes, short enough for a person waiting.
+    constexpr int kAnswerSeconds = 10;
     int answer = 0;
     std::string reason;
-    if (!qorvsim::InjectEvent(qorvsim::DefaultSocketPath(), number, param, "", answer, reason)) {
+    if (!qorvsim::InjectEvent(qorvsim::DefaultSocketPath(), number, param, "", answer, reason, kAnswerSeconds)) {
         int pid = ServicePid();
         if (!pid)
             throw Error(Error::Kind::kCannot, kNotRunning);
+        // Connected but no answer: the engine thread is busy with earlier events.
+        if (reason == "no answer from the engine")
+            throw Error(Error::Kind::kCannot,
+                        "the engine of the service (pid " + std::to_string(pid) + ") is busy: no answer within " +
+                            std::to_string(kAnswerSeconds) +
+                            " s; the event waits its turn and may still be handled (see: lumora-tv notifications)");
         throw Error(Error::Kind::kCannot, "the engine of the service (pid " + std::to_string(pid) +
                                               ") is not started (" + reason +
                                               "); the service starts it 3 s after it finds the widget: lumora-tv "

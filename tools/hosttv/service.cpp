@@ -1,8 +1,14 @@
 // The service on the host TV: preparing a run, the fresh state, what runs.
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
+#include <fstream>
+#include <sys/file.h>
+#include <thread>
 #include <unistd.h>
 
 #include "hosttv/hosttv.h"
@@ -21,6 +27,7 @@ const char kWidgetApp[] = "PzKmRvTqXa.Lumora";
 const char kLanguageKey[] = "db/menu_widget/language";
 const char kAppChangeKey[] = "memory/was/app_change";
 const char kFreshLanguage[] = "en_US.UTF-8";
+const char kDefaultScenario[] = "quiet";
 
 namespace {
 
@@ -44,13 +51,70 @@ std::string ScenarioList()
     return out;
 }
 
+// One service per host TV: `run` holds this lock from before the service
+// starts until it ends (the descriptor survives the exec), so two runs
+// started at once cannot both pass the check.
+std::string LockPath()
+{
+    return tvhost::Root() + "/opt/var/tvhost/service.lock";
+}
+
+int ReadLockPid(int fd)
+{
+    char text[32] = {};
+    const ssize_t n = pread(fd, text, sizeof text - 1, 0);
+    return n > 0 ? std::atoi(text) : 0;
+}
+
+// The pid in a lock that someone holds; 0 when it is free.
+int LockHolder()
+{
+    const int fd = open(LockPath().c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return 0;
+    int pid = 0;
+    if (flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK)
+        pid = std::max(1, ReadLockPid(fd));
+    close(fd);
+    return pid;
+}
+
+[[noreturn]] void FailAlreadyRuns(int pid)
+{
+    throw Error(Error::Kind::kCannot, "the service already runs on this host TV (pid " + std::to_string(pid) +
+                                          "); drive it with lumora-tv, or stop it first: kill " + std::to_string(pid));
+}
+
+// Takes the run lock for this process (and the service it becomes).
+int TakeLock()
+{
+    std::error_code ec;
+    fs::create_directories(fs::path(LockPath()).parent_path(), ec);
+    const int fd = open(LockPath().c_str(), O_RDWR | O_CREAT, 0644);
+    if (fd < 0)
+        throw Error(Error::Kind::kCannot, "cannot open " + LockPath() + ": " + std::strerror(errno));
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        const int pid = ReadLockPid(fd);
+        close(fd);
+        FailAlreadyRuns(pid);
+    }
+    const std::string pid = std::to_string(getpid()) + "\n";
+    if (ftruncate(fd, 0) != 0 || pwrite(fd, pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size())) {
+        close(fd);
+        throw Error(Error::Kind::kCannot, "cannot write " + LockPath() + ": " + std::strerror(errno));
+    }
+    return fd;
+}
+
 } // namespace
 
 int ServicePid()
 {
     int pid = 0;
     tvhost::notifications::remote::Error error;
-    return tvhost::notifications::remote::Ping(pid, error) ? pid : 0;
+    if (tvhost::notifications::remote::Ping(pid, error))
+        return pid;
+    return LockHolder();
 }
 
 bool EngineAnswers()
@@ -69,33 +133,58 @@ std::vector<std::string> Scenarios()
     return names;
 }
 
+std::string ScenarioText(const std::string &name)
+{
+    static const std::pair<const char *, const char *> texts[] = {
+        {"demo", "the tour of make demo: devices, two pop-ups, master keys, another pop-up, then the engine switches "
+                 "the TV off about 20 s after its start"},
+        {"quiet", "a home of a few devices; nothing happens unless asked (lumora-tv event, a refresh, "
+                  "the language)"},
+        {"storm", "80,000 events back to back from 0.5 s after the engine start, for load tests"},
+    };
+    for (const auto &t : texts)
+        if (name == t.first)
+            return t.second;
+    return "a mode file of your own";
+}
+
 RunPlan PrepareRun(const std::string &scenario)
 {
-    if (int pid = ServicePid())
-        throw Error(Error::Kind::kCannot, "the service already runs on this host TV (pid " + std::to_string(pid) +
-                                              "); drive it with lumora-tv, or stop it first: kill " +
-                                              std::to_string(pid));
+    // A service that another way started (a test's supervisor) holds no lock.
+    int pid = 0;
+    tvhost::notifications::remote::Error error;
+    if (tvhost::notifications::remote::Ping(pid, error))
+        FailAlreadyRuns(pid);
     RunPlan plan;
     plan.binary = LUMORA_SERVICE_BINARY;
     if (access(plan.binary.c_str(), X_OK) != 0)
         throw Error(Error::Kind::kCannot,
                     "the service is not built: " + plan.binary + " is missing; build this tree first");
+    const std::vector<std::string> shipped = Scenarios();
+    if (!scenario.empty() && (scenario.find('/') != std::string::npos ||
+                              std::find(shipped.begin(), shipped.end(), scenario) == shipped.end()))
+        throw Error(Error::Kind::kBadRequest,
+                    "unknown scenario \"" + scenario + "\"; the shipped ones are: " + ScenarioList());
+    const char *pModeEnv = std::getenv("QORV_SIM_MODE");
+    plan.lockFd = TakeLock();
 
-    // Without a scenario the service prepares its data folder itself, with
-    // the shipped mode.xml, as on a TV's first start.
-    if (!scenario.empty()) {
-        const std::string source = ScenarioDir() + "/" + scenario + ".xml";
-        if (scenario.find('/') != std::string::npos || !fs::is_regular_file(source))
-            throw Error(Error::Kind::kBadRequest,
-                        "unknown scenario \"" + scenario + "\"; the shipped ones are: " + ScenarioList());
-        std::error_code ec;
-        fs::create_directories(DataDir(), ec);
-        if (ec)
-            throw Error(Error::Kind::kCannot, "cannot create the data folder " + DataDir() + ": " + ec.message());
-        plan.modeFile = DataDir() + "/mode.xml";
-        fs::copy_file(source, plan.modeFile, fs::copy_options::overwrite_existing, ec);
-        if (ec)
-            throw Error(Error::Kind::kCannot, "cannot copy " + source + " to " + plan.modeFile + ": " + ec.message());
+    // Always copied: a scenario left in the data folder by an earlier run
+    // (the demo's switches the TV off) must not replay unasked.
+    plan.scenario = scenario.empty() ? kDefaultScenario : scenario;
+    plan.why = scenario.empty() ? "the default without --scenario NAME" : "--scenario " + scenario;
+    const std::string source = ScenarioDir() + "/" + plan.scenario + ".xml";
+    std::error_code ec;
+    fs::create_directories(DataDir(), ec);
+    if (ec)
+        throw Error(Error::Kind::kCannot, "cannot create the data folder " + DataDir() + ": " + ec.message());
+    plan.modeFile = DataDir() + "/mode.xml";
+    fs::copy_file(source, plan.modeFile, fs::copy_options::overwrite_existing, ec);
+    if (ec)
+        throw Error(Error::Kind::kCannot, "cannot copy " + source + " to " + plan.modeFile + ": " + ec.message());
+    // The engine reads the file this names before the data folder's.
+    if (pModeEnv && *pModeEnv) {
+        plan.why = "QORV_SIM_MODE names it; the engine reads it instead of " + plan.scenario;
+        plan.scenario = pModeEnv;
     }
     tvhost::power::ClearRecorded();
     return plan;
@@ -105,6 +194,25 @@ void ExecService(const RunPlan &plan)
 {
     execl(plan.binary.c_str(), plan.binary.c_str(), static_cast<char *>(nullptr));
     throw Error(Error::Kind::kCannot, "cannot start " + plan.binary + ": " + std::strerror(errno));
+}
+
+int StopService(std::chrono::seconds wait)
+{
+    const int pid = ServicePid();
+    if (!pid)
+        throw Error(Error::Kind::kCannot, "the service is not running on this host TV");
+    if (kill(pid, SIGTERM) != 0)
+        throw Error(Error::Kind::kCannot,
+                    "cannot stop the service (pid " + std::to_string(pid) + "): " + std::strerror(errno));
+    const auto deadline = std::chrono::steady_clock::now() + wait;
+    while (ServicePid() == pid) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            throw Error(Error::Kind::kCannot, "the service (pid " + std::to_string(pid) + ") did not end within " +
+                                                  std::to_string(wait.count()) + " s of SIGTERM; force it: kill -9 " +
+                                                  std::to_string(pid));
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return pid;
 }
 
 void Reset()

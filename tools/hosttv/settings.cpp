@@ -5,6 +5,39 @@
 
 namespace hosttv {
 
+namespace {
+
+bool IsLower(char c)
+{
+    return c >= 'a' && c <= 'z';
+}
+
+bool IsUpper(char c)
+{
+    return c >= 'A' && c <= 'Z';
+}
+
+// ll_CC.ENCODING, e.g. ko_KR.UTF-8: the service passes the part before the
+// dot to the engine, and the TV's own values all have this form.
+bool IsLocale(const std::string &value)
+{
+    size_t i = 0;
+    while (i < value.size() && IsLower(value[i]))
+        ++i;
+    if (i < 2 || i > 3 || i + 4 > value.size() || value[i] != '_' || !IsUpper(value[i + 1]) || !IsUpper(value[i + 2]) ||
+        value[i + 3] != '.')
+        return false;
+    const std::string encoding = value.substr(i + 4);
+    if (encoding.empty())
+        return false;
+    for (char c : encoding)
+        if (!IsLower(c) && !IsUpper(c) && !(c >= '0' && c <= '9') && c != '-' && c != '_')
+            return false;
+    return true;
+}
+
+} // namespace
+
 int ReadNumber(const std::string &text, const std::string &what)
 {
     int value = 0;
@@ -17,8 +50,9 @@ int ReadNumber(const std::string &text, const std::string &what)
 const std::vector<SettingKey> &SettingKeys()
 {
     static const std::vector<SettingKey> keys = {
-        {kLanguageKey, false, "text, the TV's display language, e.g. ko_KR.UTF-8"},
-        {kAppChangeKey, true, "number, bumped whenever an application is installed or removed"},
+        {kLanguageKey, false, "text, the TV's display language, e.g. ko_KR.UTF-8", IsLocale,
+         "ll_CC.ENCODING, e.g. ko_KR.UTF-8 or en_US.UTF-8"},
+        {kAppChangeKey, true, "number, bumped whenever an application is installed or removed", nullptr, ""},
     };
     return keys;
 }
@@ -48,8 +82,13 @@ std::optional<std::string> GetSetting(const SettingKey &key)
     return std::nullopt;
 }
 
-void SetSetting(const SettingKey &key, const std::string &value)
+void SetSetting(const SettingKey &key, const std::string &value, bool bForce)
 {
+    if (!bForce && key.accepts && !key.accepts(value))
+        throw Error(Error::Kind::kCannot, "\"" + value + "\" is not a value of " + key.name + ": it takes " + key.form +
+                                              "; the service would ignore it. To write it all the same: "
+                                              "lumora-tv set --force " +
+                                              key.name + " VALUE");
     if (key.bNumber)
         tvhost::settings::SetInt(key.name, ReadNumber(value, key.name));
     else

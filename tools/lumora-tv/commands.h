@@ -12,6 +12,12 @@ namespace lumoratv {
 
 using Args = std::vector<std::string>;
 
+// Exit statuses: each has one meaning for every command.
+constexpr int kDone = 0;
+constexpr int kFailed = 1;   // it could not be done
+constexpr int kUsage = 2;    // the command line was wrong
+constexpr int kNegative = 3; // the answer is no: no service runs (status), the TV is off (power)
+
 // The command line was wrong, as the text says: exit status 2.
 struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
@@ -22,23 +28,26 @@ struct BadArguments {};
 std::string Join(const std::vector<std::string> &words, const char *separator);
 // "PzKmRvTqXa.Lumora is installed, running", as widget and status print it.
 std::string WidgetText(const hosttv::WidgetState &state);
+// Removes every flag from args; whether there was one.
+bool TakeFlag(Args &args, const char *flag);
 
 // service.cpp
-void Run(const Args &args);
-void Status(const Args &args);
-void Reset(const Args &args);
-void Power(const Args &args);
+int Run(const Args &args);
+int Stop(const Args &args);
+int Status(const Args &args);
+int Reset(const Args &args);
+int Power(const Args &args);
 // settings.cpp
-void Get(const Args &args);
-void Set(const Args &args);
+int Get(const Args &args);
+int Set(const Args &args);
 // widget.cpp
-void Widget(const Args &args);
-void Network(const Args &args);
+int Widget(const Args &args);
+int Network(const Args &args);
 // popups.cpp
-void Notifications(const Args &args);
-void Press(const Args &args);
-void Timeout(const Args &args);
+int Notifications(const Args &args);
+int Press(const Args &args);
+int Timeout(const Args &args);
 // engine.cpp
-void Event(const Args &args);
+int Event(const Args &args);
 
 } // namespace lumoratv

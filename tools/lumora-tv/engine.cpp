@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -11,23 +12,115 @@
 
 namespace lumoratv {
 
-void Event(const Args &args)
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string SampleNames()
+{
+    std::vector<std::string> names;
+    for (const hosttv::EventKind &kind : hosttv::EventKinds())
+        names.push_back(kind.sample + std::string(" (") + std::to_string(kind.number) + ")");
+    return Join(names, ", ");
+}
+
+// The text of FILE, a shipped sample or standard input.
+std::string ReadText(const std::string &source)
+{
+    if (source == "-")
+        return std::string(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+    std::string path = source;
+    std::error_code ec;
+    if (!fs::exists(path, ec)) {
+        path = hosttv::EventSample(source);
+        if (path.empty())
+            throw hosttv::Error(hosttv::Error::Kind::kCannot, "cannot read " + source +
+                                                                  ": no such file, nor a shipped sample; the "
+                                                                  "samples are: " +
+                                                                  SampleNames());
+    }
+    if (fs::is_directory(path, ec))
+        throw hosttv::Error(hosttv::Error::Kind::kCannot, source + " is a directory; give a file of the event's text");
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        throw hosttv::Error(hosttv::Error::Kind::kCannot, "cannot read " + source + ": " + std::strerror(errno));
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+bool IsUtf8(const std::string &text)
+{
+    for (size_t i = 0; i < text.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        const size_t n = c < 0x80 ? 0 : (c >> 5) == 6 ? 1 : (c >> 4) == 14 ? 2 : (c >> 3) == 30 ? 3 : 4;
+        if (n == 4)
+            return false;
+        for (size_t k = 1; k <= n; ++k)
+            if (i + k >= text.size() || (static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80)
+                return false;
+        i += n;
+    }
+    return true;
+}
+
+void Warn(const std::string &text)
+{
+    std::fprintf(stderr, "lumora-tv: warning: %s\n", text.c_str());
+}
+
+// The title and the button labels on one line.
+std::string Summary(const tvhost::notifications::Record &r)
+{
+    std::string out = r.title.value_or("");
+    for (int i = 0; i < r.buttonCount && i < 3; ++i)
+        out += " [ " + r.buttonLabel[i].value_or("") + " ]";
+    for (char &c : out)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
+            c = ' ';
+    return out;
+}
+
+} // namespace
+
+int Event(const Args &args)
 {
     int number = 0;
     if (!tvhost::ParseInt(args[0], number))
-        throw UsageError("bad event number \"" + args[0] + "\": give a whole number such as 5 or 12291");
-    std::string text;
-    if (args[1] == "-") {
-        text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-    } else {
-        std::ifstream in(args[1], std::ios::binary);
-        if (!in)
-            throw hosttv::Error(hosttv::Error::Kind::kCannot, "cannot read " + args[1] + ": " + std::strerror(errno));
-        text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-    const int answer = hosttv::RaiseEvent(number, text);
-    std::printf("event %d: the service answered %d%s\n", number, answer,
-                answer == -2 ? " (the engine has no callback: the service did not register one)" : "");
+        throw UsageError("bad event number \"" + args[0] + "\": give a whole decimal number such as 5 or 12291");
+    const std::string text = ReadText(args[1]);
+    // Sent all the same: what the service does with such a text is worth seeing.
+    const std::string source = args[1] == "-" ? "the standard input" : args[1];
+    const size_t nul = text.find('\0');
+    const hosttv::EventKind *kind = hosttv::FindEventKind(number);
+    if (!kind)
+        Warn("the service does nothing for event " + std::to_string(number) + "; it acts on " + SampleNames());
+    else if (number != 12291 && text.empty())
+        Warn("the text is empty; the service will not parse it");
+    else if (nul != std::string::npos)
+        Warn(source + " holds a NUL byte (at byte " + std::to_string(nul) +
+             "): a binary file? The engine hands the service C strings: it sees the text before it only");
+    else if (!IsUtf8(text))
+        Warn(source + " is not UTF-8 text");
+
+    const hosttv::EventOutcome outcome = hosttv::SendEvent(number, text, std::chrono::milliseconds(500));
+    std::printf("event %d: the service answered %d%s\n", number, outcome.answer,
+                outcome.answer == -2 ? " (the engine has no callback: the service did not register one)" : "");
+    for (const auto &r : outcome.shown)
+        std::printf("pop-up #%d shown: %s (see: lumora-tv notifications %d)\n", r.itemId, Summary(r).c_str(), r.itemId);
+    if (outcome.powerOff)
+        std::printf("the TV was switched off (power-off request of kind %d)\n", *outcome.powerOff);
+    if (outcome.bServiceEnded)
+        std::printf("the service ended\n");
+    if (!kind || !outcome.shown.empty() || outcome.powerOff)
+        return kDone;
+    if (number == 1 || number == 5)
+        std::printf("no pop-up shown: the text was not parsed, or the service shows nothing for it; see the "
+                    "service's log\n");
+    else if (number == 12291)
+        std::printf("the TV was not switched off; see the service's log\n");
+    else
+        std::printf("nothing to see for this event: the service logs the list, or that it was not parsed; see "
+                    "the service's log\n");
+    return kDone;
 }
 
 } // namespace lumoratv

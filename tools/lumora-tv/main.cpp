@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include "commands.h"
@@ -22,59 +23,75 @@ std::string Join(const std::vector<std::string> &words, const char *separator)
     return out;
 }
 
-namespace {
+bool TakeFlag(Args &args, const char *flag)
+{
+    const size_t nBefore = args.size();
+    args.erase(std::remove(args.begin(), args.end(), flag), args.end());
+    return args.size() != nBefore;
+}
 
-constexpr int kDone = 0;
-constexpr int kFailed = 1;
-constexpr int kUsage = 2;
+namespace {
 
 constexpr size_t kAny = SIZE_MAX;
 
 struct Command {
+    const char *group;
     const char *name;
     const char *synopsis; // "usage: lumora-tv <synopsis>"
     size_t nMinArgs;
     size_t nMaxArgs; // kAny: the handler checks them itself
     const char *help;
-    void (*handler)(const Args &);
+    int (*handler)(const Args &);
 };
 
-void Help(const Args &args);
+int Help(const Args &args);
+int Version(const Args &args);
+
+const char kService[] = "The service";
+const char kTv[] = "The TV: settings, widget, network";
+const char kViewer[] = "What the viewer sees, and the engine";
+const char kTool[] = "This tool";
 
 const Command kCommands[] = {
-    {"run", "run [--scenario NAME]", 0, kAny,
-     "prepare the host TV and run the service in the foreground; NAME (demo, quiet, storm) becomes the engine's "
-     "mode.xml",
+    {kService, "run", "run [--scenario NAME]", 0, kAny,
+     "prepare the host TV and run the service in the foreground, with the engine playing scenario NAME (quiet "
+     "without one; the scenarios are below). One service per host TV. Ctrl-C or lumora-tv stop ends it",
      Run},
-    {"status", "status", 0, 0, "the service, the engine, the widget, network, language, power", Status},
-    {"reset", "reset", 0, 0,
+    {kService, "stop", "stop", 0, 0,
+     "end the running service (SIGTERM) and wait for it; its watchdog timer may take up to 6 s", Stop},
+    {kService, "status", "status [--json]", 0, 1,
+     "the service, the engine, the widget, network, language, power; exit status 3 when no service runs", Status},
+    {kService, "reset", "reset", 0, 0,
      "the fresh host TV: widget installed and closed, language en_US.UTF-8, network ethernet, no data folder, TV "
      "on; refused while the service runs",
      Reset},
-    {"get", "get [KEY]", 0, 1, "a settings key (every known one without KEY)", Get},
-    {"set", "set KEY VALUE", 2, 2,
-     "write a settings key; the running service hears of it. Keys: db/menu_widget/language (text), "
-     "memory/was/app_change (a whole number)",
+    {kService, "power", "power [--json]", 0, 1,
+     "whether the TV was switched off since `lumora-tv run`; exit status 3 when it was", Power},
+    {kTv, "get", "get [--json] [KEY]", 0, 2, "a settings key's value alone (every known key without KEY)", Get},
+    {kTv, "set", "set [--force] KEY VALUE", 2, 3,
+     "write a settings key; the running service hears of it. Keys: db/menu_widget/language (ll_CC.ENCODING, e.g. "
+     "ko_KR.UTF-8; another value is refused unless --force), memory/was/app_change (a whole number)",
      Set},
-    {"widget", "widget [install|uninstall|launch|close]", 0, 1,
+    {kTv, "widget", "widget [install|uninstall|launch|close]", 0, 1,
      "the companion widget PzKmRvTqXa.Lumora (its state without a word)", Widget},
-    {"network", "network [wifi|ethernet|none|auto]", 0, 1, "the network type the TV reports; auto follows this machine",
-     Network},
-    {"notifications", "notifications [--brief] [ITEM]", 0, kAny,
+    {kTv, "network", "network [wifi|ethernet|none|auto]", 0, 1,
+     "the network type the TV reports; auto follows this machine", Network},
+    {kViewer, "notifications", "notifications [--brief|--json] [ITEM]", 0, kAny,
      "the pop-ups on screen in the running service; --brief: one line each, item, title and button labels "
      "separated by tabs",
      Notifications},
-    {"press", "press ITEM BUTTON", 2, 2,
+    {kViewer, "press", "press ITEM BUTTON", 2, 2,
      "press a button of a pop-up; BUTTON counts from 0, left to right (1 is \"Go to Lumora\" on a device "
-     "notification); prints what the service launched",
+     "notification, and \"No\" on a new-device one: that is the button that opens the widget); prints what the "
+     "service launched. The pop-up then leaves the screen",
      Press},
-    {"timeout", "timeout ITEM", 1, 1, "let a pop-up time out", Timeout},
-    {"event", "event NUMBER FILE|-", 2, 2,
-     "raise engine event NUMBER with the text of FILE (- reads standard input) as its first parameter; prints the "
-     "service's answer",
+    {kViewer, "timeout", "timeout ITEM", 1, 1, "let a pop-up time out; it leaves the screen", Timeout},
+    {kViewer, "event", "event NUMBER FILE|SAMPLE|-", 2, 2,
+     "raise engine event NUMBER with the text of FILE, of a shipped SAMPLE (below), or of standard input (-) as its "
+     "first parameter; prints what the host TV saw happen",
      Event},
-    {"power", "power", 0, 0, "whether the TV was switched off since `lumora-tv run`", Power},
-    {"help", "help [COMMAND]", 0, 1, "this text, or how to use COMMAND (also: lumora-tv COMMAND --help)", Help},
+    {kTool, "help", "help [COMMAND]", 0, 1, "this text, or how to use COMMAND (also: lumora-tv COMMAND --help)", Help},
+    {kTool, "version", "version", 0, 0, "the version of lumora-tv (also: lumora-tv --version)", Version},
 };
 
 // Lines of at most width characters, broken between words.
@@ -95,23 +112,51 @@ std::vector<std::string> Wrap(const std::string &text, size_t width)
     return lines;
 }
 
+// Where this program is, for the hint how to type just "lumora-tv".
+std::string SelfPath()
+{
+    char path[4096];
+    const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+    return n > 0 ? std::string(path, static_cast<size_t>(n)) : "lumora-tv";
+}
+
 std::string Overview()
 {
     const size_t kColumn = 27;
     const size_t kWidth = 92;
     std::string out = "usage: lumora-tv COMMAND [ARGUMENTS]\n\nDrives the host TV of this build tree from another "
-                      "shell.\n\n";
-    for (const Command &c : kCommands) {
-        std::string row = std::string("  ") + c.synopsis;
+                      "shell.\n";
+    auto rows = [&](const std::string &left, const std::string &text) {
+        std::string row = "  " + left;
         if (row.size() + 2 > kColumn)
             out += row + "\n", row.clear();
-        for (const std::string &line : Wrap(c.help, kWidth - kColumn)) {
+        for (const std::string &line : Wrap(text, kWidth - kColumn)) {
             row.resize(kColumn, ' ');
             out += row + line + "\n";
             row.clear();
         }
+    };
+    const char *group = "";
+    for (const Command &c : kCommands) {
+        if (std::string(group) != c.group)
+            out += std::string("\n") + (group = c.group) + ":\n";
+        rows(c.synopsis, c.help);
     }
-    return out + "\nExit status: 0 done, 1 it could not be done, 2 the command line was wrong.\n";
+    out += "\nScenarios (run --scenario NAME):\n";
+    for (const std::string &name : hosttv::Scenarios())
+        rows(name, hosttv::ScenarioText(name));
+    out += "\nEvents the service acts on (event NUMBER SAMPLE), with their shipped sample texts:\n";
+    for (const hosttv::EventKind &kind : hosttv::EventKinds())
+        rows(std::to_string(kind.number) + " " + kind.sample, kind.what);
+    const std::string self = SelfPath();
+    out += "\n";
+    for (const std::string &line :
+         Wrap("Exit status: 0 done, 1 it could not be done, 2 the command line was wrong, 3 the answer is no (status: "
+              "no service runs; power: the TV is off).",
+              kWidth))
+        out += line + "\n";
+    return out + "\nThis is " + self + "; to type just lumora-tv: export PATH=\"" + self.substr(0, self.rfind('/')) +
+           ":$PATH\"\n";
 }
 
 std::string Usage(const Command &c)
@@ -168,35 +213,43 @@ std::string Suggestion(const std::string &name)
     return nearest.empty() ? "" : "; did you mean " + nearest + "?";
 }
 
-void Help(const Args &args)
+int Help(const Args &args)
 {
     if (args.empty()) {
         std::printf("%s", Overview().c_str());
-        return;
+        return kDone;
     }
     const Command *c = Find(args[0]);
     if (!c)
         throw UsageError("unknown command \"" + args[0] + "\"" + Suggestion(args[0]));
     std::printf("%s", Usage(*c).c_str());
+    return kDone;
+}
+
+int Version(const Args &)
+{
+    std::printf("lumora-tv %s\n", LUMORA_VERSION);
+    return kDone;
 }
 
 int Dispatch(const std::string &name, const Args &args)
 {
-    const Command *c = Find(name == "--help" || name == "-h" ? "help" : name);
+    const Command *c = Find(name == "--help" || name == "-h" ? "help" : name == "--version" ? "version" : name);
     if (!c) {
-        std::fprintf(stderr, "lumora-tv: unknown command \"%s\"%s\n\n%s", name.c_str(), Suggestion(name).c_str(),
-                     Overview().c_str());
+        const std::string suggestion = Suggestion(name);
+        std::fprintf(stderr, "lumora-tv: unknown command \"%s\"%s\n", name.c_str(),
+                     suggestion.empty() ? "; see: lumora-tv help" : suggestion.c_str());
         return kUsage;
     }
-    if (std::find(args.begin(), args.end(), "--help") != args.end()) {
+    if (std::find(args.begin(), args.end(), "--help") != args.end() ||
+        std::find(args.begin(), args.end(), "-h") != args.end()) {
         std::printf("%s", Usage(*c).c_str());
         return kDone;
     }
     try {
         if (args.size() < c->nMinArgs || args.size() > c->nMaxArgs)
             throw BadArguments{};
-        c->handler(args);
-        return kDone;
+        return c->handler(args);
     } catch (const BadArguments &) {
         std::fprintf(stderr, "%s", Usage(*c).c_str());
         return kUsage;

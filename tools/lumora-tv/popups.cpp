@@ -27,13 +27,16 @@ std::string ExtraData(const tvhost::apps::Launch &launch)
 
 } // namespace
 
-void Notifications(const Args &args)
+int Notifications(const Args &args)
 {
     bool bBrief = false;
+    bool bJson = false;
     std::optional<int> item;
     for (const auto &a : args) {
-        if (a == "--brief")
+        if (a == "--brief" && !bJson)
             bBrief = true;
+        else if (a == "--json" && !bBrief)
+            bJson = true;
         else if (!item && !a.empty() && a[0] != '-')
             item = hosttv::ReadNumber(a, "ITEM");
         else
@@ -44,6 +47,10 @@ void Notifications(const Args &args)
         records.push_back(hosttv::Popup(*item));
     else
         records = hosttv::Popups();
+    if (bJson) {
+        std::printf("%s\n", hosttv::Json(records).c_str());
+        return kDone;
+    }
     if (records.empty() && !bBrief)
         std::printf("nothing is on screen\n");
     for (const auto &r : records) {
@@ -56,9 +63,10 @@ void Notifications(const Args &args)
             std::printf("%s", tvhost::notifications::Render(r).c_str());
         }
     }
+    return kDone;
 }
 
-void Press(const Args &args)
+int Press(const Args &args)
 {
     const int item = hosttv::ReadNumber(args[0], "ITEM");
     const int button = hosttv::ReadNumber(args[1], "BUTTON");
@@ -76,13 +84,15 @@ void Press(const Args &args)
             std::printf("the service's launch request for %s with %s failed (result %d)\n", l.appId.c_str(),
                         ExtraData(l).c_str(), l.result);
     }
+    return kDone;
 }
 
-void Timeout(const Args &args)
+int Timeout(const Args &args)
 {
     const int item = hosttv::ReadNumber(args[0], "ITEM");
     hosttv::TimeOut(item);
-    std::printf("pop-up #%d timed out\n", item);
+    std::printf("pop-up #%d timed out and left the screen\n", item);
+    return kDone;
 }
 
 } // namespace lumoratv

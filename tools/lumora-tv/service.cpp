@@ -1,4 +1,4 @@
-// run, status, reset, power.
+// run, stop, status, reset, power.
 #include <cstdio>
 
 #include "commands.h"
@@ -17,7 +17,7 @@ std::string PowerText(const hosttv::Power &power)
 
 } // namespace
 
-void Run(const Args &args)
+int Run(const Args &args)
 {
     std::string scenario;
     for (size_t i = 0; i < args.size(); ++i) {
@@ -31,20 +31,40 @@ void Run(const Args &args)
             throw UsageError("--scenario needs a NAME; the shipped ones are: " + Join(hosttv::Scenarios(), ", "));
     }
     const hosttv::RunPlan plan = hosttv::PrepareRun(scenario);
-    if (!plan.modeFile.empty())
-        std::fprintf(stderr, "lumora-tv: the engine plays scenario \"%s\" (%s)\n", scenario.c_str(),
-                     plan.modeFile.c_str());
+    std::fprintf(stderr, "lumora-tv: the engine plays scenario \"%s\" (%s): %s\n", plan.scenario.c_str(),
+                 plan.why.c_str(), hosttv::ScenarioText(plan.scenario).c_str());
     if (!hosttv::Widget().bInstalled)
         std::fprintf(stderr,
                      "lumora-tv: the widget is not installed, so the engine waits for: lumora-tv widget install\n");
-    std::fprintf(stderr, "lumora-tv: starting %s\n", plan.binary.c_str());
+    std::fprintf(stderr,
+                 "lumora-tv: starting %s; Ctrl-C here or lumora-tv stop ends it (its watchdog timer may take up to "
+                 "6 s)\n",
+                 plan.binary.c_str());
     std::fflush(nullptr);
     hosttv::ExecService(plan);
 }
 
-void Status(const Args &)
+int Stop(const Args &)
 {
+    std::printf("stopping the service: its watchdog timer may take up to 6 s\n");
+    std::fflush(stdout);
+    const int pid = hosttv::StopService(std::chrono::seconds(15));
+    std::printf("the service (pid %d) ended\n", pid);
+    return kDone;
+}
+
+int Status(const Args &arguments)
+{
+    Args args = arguments;
+    const bool bJson = TakeFlag(args, "--json");
+    if (!args.empty())
+        throw BadArguments{};
     const hosttv::Status status = hosttv::ReadStatus();
+    const int exitStatus = status.servicePid ? kDone : kNegative;
+    if (bJson) {
+        std::printf("%s\n", hosttv::Json(status).c_str());
+        return exitStatus;
+    }
     std::string service = "not running (start it with: lumora-tv run)";
     if (status.servicePid) {
         service = "running (pid " + std::to_string(status.servicePid) + ")";
@@ -59,18 +79,26 @@ void Status(const Args &)
     std::printf("language:  %s\n", status.language.value_or("(not set)").c_str());
     std::printf("power:     %s\n", PowerText(status.power).c_str());
     std::printf("TV root:   %s\n", status.root.c_str());
+    return exitStatus;
 }
 
-void Reset(const Args &)
+int Reset(const Args &)
 {
     hosttv::Reset();
     std::printf("fresh host TV: widget installed and closed, language %s, network ethernet, no data folder, TV on\n",
                 hosttv::kFreshLanguage);
+    return kDone;
 }
 
-void Power(const Args &)
+int Power(const Args &arguments)
 {
-    std::printf("%s\n", PowerText(hosttv::PowerState()).c_str());
+    Args args = arguments;
+    const bool bJson = TakeFlag(args, "--json");
+    if (!args.empty())
+        throw BadArguments{};
+    const hosttv::Power power = hosttv::PowerState();
+    std::printf("%s\n", bJson ? hosttv::Json(power).c_str() : PowerText(power).c_str());
+    return power.bOff ? kNegative : kDone;
 }
 
 } // namespace lumoratv

@@ -12,7 +12,7 @@ std::string WidgetText(const hosttv::WidgetState &state)
     return std::string(hosttv::kWidgetApp) + " is installed, " + (state.bRunning ? "running" : "not running");
 }
 
-void Widget(const Args &args)
+int Widget(const Args &args)
 {
     const std::string word = args.empty() ? "" : args[0];
     if (word == "install" || word == "uninstall") {
@@ -31,16 +31,18 @@ void Widget(const Args &args)
     } else {
         throw UsageError("unknown widget action \"" + word + "\"; use install, uninstall, launch or close");
     }
+    return kDone;
 }
 
-void Network(const Args &args)
+int Network(const Args &args)
 {
     if (args.empty()) {
         std::printf("network: %s\n", hosttv::Network().c_str());
-        return;
+        return kDone;
     }
     const std::string type = hosttv::SetNetwork(args[0]);
     std::printf("network: %s%s\n", type.c_str(), args[0] == "auto" ? " (following this machine's default route)" : "");
+    return kDone;
 }
 
 } // namespace lumoratv

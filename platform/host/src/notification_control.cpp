@@ -216,7 +216,8 @@ std::string Answer(const std::string &request)
     const size_t nLaunchesBefore = tvhost::apps::Launches().size();
     Ticket ticket;
     std::string why;
-    if (!QueueDelivery(bPress, nItem, nButton, ticket, why))
+    // The viewer's own press or timeout: the pop-up leaves the screen.
+    if (!QueueDelivery(bPress, nItem, nButton, true, ticket, why))
         return "ERROR " + Escape(why) + "\n";
     if (!WaitForDelivery(ticket, C().bStop))
         return "ERROR the notification service closed before the " + std::string(bPress ? "press" : "timeout") +

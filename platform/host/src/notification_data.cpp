@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <map>
 #include <mutex>
 #include <thread>
 
@@ -44,7 +45,11 @@ struct Service {
     void *pTimeoutData = nullptr;
 
     std::vector<Record> posted;
+    // What the viewer sees: bounded, and a pop-up leaves it when answered.
     Screen screen;
+    // The items posted and not removed yet, by item id: the app's own view,
+    // which removal answers to whether or not the pop-up is still on screen.
+    std::map<int, std::string> live;
     std::vector<Removal> removals;
 
     std::deque<Delivery> queue;
@@ -246,22 +251,30 @@ std::vector<Removal> Removals()
     return S().removals;
 }
 
-bool QueueDelivery(bool bButton, int itemId, int buttonIndex, Ticket &ticket, std::string &why)
+bool QueueDelivery(bool bButton, int itemId, int buttonIndex, bool bTakeDown, Ticket &ticket, std::string &why)
 {
     Service &s = S();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (!s.bInitialised || !s.worker.joinable()) {
-        why = "the notification service is not initialised";
-        return false;
+    std::string appId;
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        if (!s.bInitialised || !s.worker.joinable()) {
+            why = "the notification service is not initialised";
+            return false;
+        }
+        why = s.screen.CannotDeliver(itemId, bButton, buttonIndex);
+        if (!why.empty())
+            return false;
+        Delivery d{bButton, itemId, bButton ? buttonIndex : 0, ++s.nLastSeq};
+        ticket.nSeq = d.nSeq;
+        ticket.nGeneration = s.nGeneration;
+        s.queue.push_back(d);
+        s.wake.notify_all();
+        if (!bTakeDown)
+            return true;
+        s.screen.TakeDown(itemId);
+        appId = s.strAppId;
     }
-    why = s.screen.CannotDeliver(itemId, bButton, buttonIndex);
-    if (!why.empty())
-        return false;
-    Delivery d{bButton, itemId, bButton ? buttonIndex : 0, ++s.nLastSeq};
-    ticket.nSeq = d.nSeq;
-    ticket.nGeneration = s.nGeneration;
-    s.queue.push_back(d);
-    s.wake.notify_all();
+    Draw(RenderClosed(appId, itemId));
     return true;
 }
 
@@ -284,14 +297,14 @@ bool PressButton(int itemId, int buttonIndex)
 {
     Ticket ticket;
     std::string why;
-    return QueueDelivery(true, itemId, buttonIndex, ticket, why);
+    return QueueDelivery(true, itemId, buttonIndex, false, ticket, why);
 }
 
 bool TimeOut(int itemId)
 {
     Ticket ticket;
     std::string why;
-    return QueueDelivery(false, itemId, 0, ticket, why);
+    return QueueDelivery(false, itemId, 0, false, ticket, why);
 }
 
 void WaitDelivered()
@@ -339,6 +352,7 @@ tvhost::detail::ResetHook g_reset([] {
     s.pTimeoutData = nullptr;
     s.posted.clear();
     s.screen.Clear();
+    s.live.clear();
     s.removals.clear();
     s.bBusy = false;
     s.nDelivered = 0;
@@ -402,6 +416,7 @@ extern "C" int add_notification_data(const notification_data_t *data)
         s.posted.push_back(record);
         tvhost::detail::TrimHistory(s.posted);
         s.screen.Show(record);
+        s.live[record.itemId] = record.appId.value_or("");
     }
     if (tvhost::notifications::Drawing())
         tvhost::notifications::Draw(tvhost::notifications::Render(record));
@@ -417,7 +432,12 @@ extern "C" int remove_notification_data(const char *app_id, int item_id)
     std::string strAppId = app_id ? app_id : "";
     {
         std::lock_guard<std::mutex> lock(s.mutex);
-        bool bFound = s.screen.Close(strAppId, item_id);
+        auto it = s.live.find(item_id);
+        const bool bFound = it != s.live.end() && it->second == strAppId;
+        if (bFound) {
+            s.live.erase(it);
+            s.screen.Close(strAppId, item_id);
+        }
         s.removals.push_back({strAppId, item_id, bFound});
         tvhost::detail::TrimHistory(s.removals);
         if (!bFound)

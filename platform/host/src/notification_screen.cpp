@@ -128,6 +128,8 @@ std::string Repeat(const char *s, int n)
 void Screen::Show(const Record &record)
 {
     m_shown[record.itemId] = record;
+    while (m_shown.size() > kMaxOnScreen)
+        m_shown.erase(m_shown.begin());
 }
 
 bool Screen::Close(const std::string &appId, int itemId)
@@ -137,6 +139,11 @@ bool Screen::Close(const std::string &appId, int itemId)
         return false;
     m_shown.erase(it);
     return true;
+}
+
+void Screen::TakeDown(int itemId)
+{
+    m_shown.erase(itemId);
 }
 
 void Screen::Clear()
@@ -156,11 +163,11 @@ std::string Screen::CannotDeliver(int itemId, bool bButton, int buttonIndex) con
 {
     auto it = m_shown.find(itemId);
     if (it == m_shown.end())
-        return "no notification #" + std::to_string(itemId) + " on screen (" + OnScreenText(Records()) + ")";
+        return NotOnScreenText(itemId, Records());
     const int nButtons = it->second.buttonCount;
     if (!bButton || (buttonIndex >= 0 && buttonIndex < nButtons))
         return "";
-    return "notification #" + std::to_string(itemId) +
+    return "pop-up #" + std::to_string(itemId) +
            (nButtons == 0
                 ? std::string(" has no buttons")
                 : " has " + std::to_string(nButtons) +
@@ -171,10 +178,24 @@ std::string OnScreenText(const std::vector<Record> &records)
 {
     if (records.empty())
         return "nothing is on screen";
-    std::string list;
-    for (const Record &r : records)
-        list += (list.empty() ? "on screen: #" : ", #") + std::to_string(r.itemId);
+    // The first and the last three: enough to see the range without a wall of numbers.
+    constexpr size_t kEnds = 3;
+    std::string list = std::to_string(records.size()) + " on screen: ";
+    for (size_t i = 0; i < records.size(); ++i) {
+        if (records.size() > 2 * kEnds && i == kEnds) {
+            list += " ...";
+            i = records.size() - kEnds;
+        } else if (i > 0) {
+            list += ",";
+        }
+        list += (i > 0 ? " #" : "#") + std::to_string(records[i].itemId);
+    }
     return list;
+}
+
+std::string NotOnScreenText(int itemId, const std::vector<Record> &records)
+{
+    return "no pop-up #" + std::to_string(itemId) + " on screen (" + OnScreenText(records) + ")";
 }
 
 std::string Render(const Record &r)

@@ -16,8 +16,9 @@ struct Ticket {
 };
 
 // Queues a press (bButton) or a timeout of a notification on screen; false
-// with the reason, for a person, when there is none to queue.
-bool QueueDelivery(bool bButton, int itemId, int buttonIndex, Ticket &ticket, std::string &why);
+// with the reason, for a person, when there is none to queue. bTakeDown: the
+// pop-up leaves the screen, as it does when the viewer answers it.
+bool QueueDelivery(bool bButton, int itemId, int buttonIndex, bool bTakeDown, Ticket &ticket, std::string &why);
 // Waits until the delivery of ticket has run; false when the service closed,
 // or bGiveUp was set (and WakeWaiters called), first.
 bool WaitForDelivery(const Ticket &ticket, const std::atomic<bool> &bGiveUp);

@@ -32,13 +32,19 @@ struct Record {
 };
 
 // The notifications on screen, one per item id: a later post of an item id
-// replaces the one shown.
+// replaces the one shown. The screen holds at most kMaxOnScreen; a post
+// beyond that pushes the lowest item id (the oldest, as the service counts
+// up) off it.
 class Screen {
 public:
+    static constexpr size_t kMaxOnScreen = 100;
+
     void Show(const Record &record);
     // Takes down item itemId of appId; false, and nothing changes, when no
     // such one is shown.
     bool Close(const std::string &appId, int itemId);
+    // The viewer answered item itemId or let it time out: it leaves the screen.
+    void TakeDown(int itemId);
     void Clear();
     // In item id order.
     std::vector<Record> Records() const;
@@ -50,8 +56,11 @@ private:
     std::map<int, Record> m_shown;
 };
 
-// "on screen: #1, #3", or "nothing is on screen".
+// "2 on screen: #1, #3", a few of many with their count ("100 on screen: #1,
+// #2, #3 ... #98, #99, #100"), or "nothing is on screen".
 std::string OnScreenText(const std::vector<Record> &records);
+// "no pop-up #N on screen (...)", naming what is there instead.
+std::string NotOnScreenText(int itemId, const std::vector<Record> &records);
 
 // The pop-up as the viewer sees it: a box of title, body, sub-text and
 // buttons, at most 64 columns wide.

@@ -23,7 +23,7 @@ struct Removal {
 // same item id included). Posted and Removals keep at least the latest 4096
 // entries.
 std::vector<Record> Posted();
-// Notifications on screen now, in item id order.
+// Notifications on screen now, in item id order (at most Screen::kMaxOnScreen).
 std::vector<Record> Shown();
 // Every remove_notification_data call, in order.
 std::vector<Removal> Removals();
@@ -31,7 +31,9 @@ std::vector<Removal> Removals();
 // The viewer presses button index (0 = leftmost) of a shown notification, or
 // lets it time out. The callback runs on the service's delivery thread; these
 // return false, and deliver nothing, when there is no such notification or
-// button on screen or the service is not initialised.
+// button on screen or the service is not initialised. These leave the pop-up
+// on screen, so that a test can press one twice; the remote ones below are
+// the viewer's and take it down.
 bool PressButton(int itemId, int buttonIndex);
 bool TimeOut(int itemId);
 // Blocks until every press and timeout queued so far has been delivered.
@@ -66,7 +68,8 @@ bool Ping(int &pid, Error &error);
 // What is on screen there, in item id order.
 bool Shown(std::vector<Record> &records, Error &error);
 // Presses a button (0 = leftmost) or lets a notification time out there, and
-// waits until the service's callback has returned. launches: the launch
+// waits until the service's callback has returned. The pop-up leaves the
+// screen, as on a TV when the viewer answers it or it times out. launches: the launch
 // requests that callback made (app id, operation, extra data, result).
 bool PressButton(int itemId, int buttonIndex, std::vector<apps::Launch> &launches, Error &error);
 bool TimeOut(int itemId, Error &error);

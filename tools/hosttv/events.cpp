@@ -1,0 +1,86 @@
+// Engine events as a person raises them: the kinds the service acts on, their
+// shipped sample texts, and what the host TV saw happen after one.
+#include <algorithm>
+#include <filesystem>
+#include <set>
+#include <thread>
+
+#include "hosttv/hosttv.h"
+#include "tvhost/tvhost.h"
+
+namespace noti = tvhost::notifications;
+
+namespace hosttv {
+
+const std::vector<EventKind> &EventKinds()
+{
+    static const std::vector<EventKind> kinds = {
+        {0, "registered-devices", "the registered devices: the service logs its air conditioners"},
+        {1, "new-devices",
+         "new devices: a pop-up \"New home appliance detected\"; while the widget is not running its second button "
+         "(No) is the one that opens it"},
+        {5, "alarm",
+         "a device's notification: a pop-up titled with the device's name; \"Go to Lumora\" opens the "
+         "widget for the device"},
+        {12290, "master-keys", "the master keys: the service logs them"},
+        {12291, "power-off", "the TV is switched off, whatever the text (the host TV's service then ends)"},
+    };
+    return kinds;
+}
+
+const EventKind *FindEventKind(int number)
+{
+    for (const EventKind &kind : EventKinds())
+        if (kind.number == number)
+            return &kind;
+    return nullptr;
+}
+
+std::string EventSample(const std::string &name)
+{
+    if (name.empty() || name.find('/') != std::string::npos)
+        return "";
+    std::string path = tvhost::Root() + "/usr/apps/org.kelvar.lumora/bin/events/" + name;
+    if (path.size() < 4 || path.compare(path.size() - 4, 4, ".xml") != 0)
+        path += ".xml";
+    return std::filesystem::is_regular_file(path) ? path : "";
+}
+
+EventOutcome SendEvent(int number, const std::string &param, std::chrono::milliseconds wait)
+{
+    // What was there before: a storm of the engine's own may post meanwhile,
+    // but a pop-up that was not there is news either way.
+    std::set<int> before;
+    for (const auto &r : Popups())
+        before.insert(r.itemId);
+    const bool bWasOff = PowerState().bOff;
+
+    EventOutcome outcome;
+    outcome.answer = RaiseEvent(number, param);
+    // The service handles an event before it answers; the wait covers a
+    // screen or a power record that another thread writes a moment later.
+    const bool bShows = number == 1 || number == 5;
+    const bool bSwitchesOff = number == 12291;
+    const auto deadline = std::chrono::steady_clock::now() + wait;
+    for (;;) {
+        if (!bWasOff && PowerState().bOff)
+            outcome.powerOff = PowerState().kind;
+        std::vector<noti::Record> records;
+        noti::remote::Error error;
+        if (!noti::remote::Shown(records, error)) {
+            outcome.bServiceEnded = error.bNoService;
+        } else {
+            outcome.shown.clear();
+            for (const auto &r : records)
+                if (!before.count(r.itemId))
+                    outcome.shown.push_back(r);
+        }
+        const bool bSeen = (bShows && !outcome.shown.empty()) || (bSwitchesOff && outcome.powerOff);
+        if (bSeen || outcome.bServiceEnded || (!bShows && !bSwitchesOff) ||
+            std::chrono::steady_clock::now() >= deadline)
+            return outcome;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+}
+
+} // namespace hosttv
