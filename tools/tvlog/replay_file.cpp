@@ -57,6 +57,14 @@ std::string Escape(const std::string &s, bool bAttribute)
     return out;
 }
 
+// A comment may not hold "--".
+std::string Comment(std::string text)
+{
+    for (size_t at; (at = text.find("--")) != std::string::npos;)
+        text.replace(at, 2, "- -");
+    return Escape(text, false);
+}
+
 std::string Attr(const std::string &name, const std::string &value)
 {
     return " " + name + "=\"" + Escape(value, true) + "\"";
@@ -102,10 +110,11 @@ const StepKind kTvKinds[] = {StepKind::kLanguage, StepKind::kNetwork, StepKind::
 
 std::string WriteReplayFile(const Plan &plan, const std::string &source)
 {
-    std::string out = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!--\n  Replay of " + Escape(source, false) +
-                      ", the run of process " + std::to_string(plan.pid) +
-                      ", made by lumora-tv scenario --from-log.\n  Play it with: lumora-tv replay FILE. The format is "
-                      "described in quiet.xml.\n-->\n<Mode name=\"replay\">\n  <Home/>\n  <Scenario>\n";
+    std::string out =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!--\n  Replay of " + Escape(source, false) +
+        ", the run of process " + std::to_string(plan.pid) +
+        ", made by lumora-tv scenario from the log.\n  Play it with: lumora-tv replay FILE. The format is "
+        "described in quiet.xml.\n-->\n<Mode name=\"replay\">\n  <Home/>\n  <Scenario>\n";
     for (const Step &s : plan.steps) {
         if (s.kind != StepKind::kEvent)
             continue;
@@ -153,7 +162,7 @@ std::string WriteReplayFile(const Plan &plan, const std::string &source)
         out += "/>\n";
     }
     for (const std::string &note : plan.notes)
-        out += "      <!-- " + Escape(note, false) + " -->\n";
+        out += "      <!-- " + Comment(note) + " -->\n";
     out += "    </Expect>\n  </Tv>\n</Mode>\n";
     return out;
 }
