@@ -40,5 +40,8 @@ void Press(const Args &args);
 void Timeout(const Args &args);
 // engine.cpp
 void Event(const Args &args);
+// replay.cpp
+void Scenario(const Args &args);
+void Replay(const Args &args);
 
 } // namespace lumoratv

@@ -264,10 +264,15 @@ struct Planner::Impl {
         Line l;
         if (!SplitPrefix(r.text, l))
             return;
-        const std::string &f = l.function, &m = l.message;
-        if (f == "OnQorvEvent" && StartsWith(m, kEventEntry)) {
-            Event(r, m);
-        } else if (f == "m_OnNotificationButtonCallback" && StartsWith(m, kPress)) {
+        const std::string &f = l.function;
+        if (f == "OnQorvEvent" && StartsWith(l.message, kEventEntry)) {
+            Event(r, l.message);
+            return;
+        }
+        // Only event texts hold new lines; what follows another line is not
+        // the service's (a host TV's log may hold drawings and traces).
+        const std::string m = l.message.substr(0, l.message.find('\n'));
+        if (f == "m_OnNotificationButtonCallback" && StartsWith(m, kPress)) {
             Settle();
             Step &s = Append(StepKind::kPress, r);
             s.item = std::atoi(m.c_str() + std::strlen(kPress));
