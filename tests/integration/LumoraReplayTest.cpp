@@ -101,5 +101,5 @@ TEST_F(LumoraReplay, BadInputChangesNothingOnTheHostTv)
         EXPECT_EQ(r.status, c.status) << Describe(c.args, r);
         EXPECT_NE(r.err.find(c.message), std::string::npos) << Describe(c.args, r);
     }
-    EXPECT_EQ(LumoraTv({"get", "db/menu_widget/language"}).out, "fr_FR.UTF-8\n");
+    EXPECT_EQ(LumoraTv({"get", "db/menu_widget/language"}).out, "db/menu_widget/language = fr_FR.UTF-8\n");
 }
