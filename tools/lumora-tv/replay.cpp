@@ -252,8 +252,14 @@ void Replay(const Args &args)
         if (s.kind == tvlog::StepKind::kEvent)
             ++counts[s.event].second;
     std::printf("\n%-8s %8s %9s\n", "event", "in log", "replayed");
-    for (const auto &c : counts)
-        std::printf("%-8d %8zu %9zu\n", c.first, c.second.first, c.second.second);
+    bool bRefreshed = false;
+    for (const auto &c : counts) {
+        std::printf("%-8d %8zu %9zu%s\n", c.first, c.second.first, c.second.second,
+                    c.first == 0 && c.second.second > c.second.first ? " *" : "");
+        bRefreshed = bRefreshed || (c.first == 0 && c.second.second > c.second.first);
+    }
+    if (bRefreshed)
+        std::printf("* the simulated engine answers a refresh (a network change) with an event 0 of its own\n");
 
     const std::vector<tvlog::Difference> diffs = tvlog::Compare(plan.outcomes, replayed.outcomes);
     if (!diffs.empty())
