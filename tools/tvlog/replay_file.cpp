@@ -12,11 +12,18 @@ namespace tvlog {
 
 namespace {
 
+// Characters XML 1.0 cannot hold, even as references: control characters
+// and U+FFFE, U+FFFF.
 bool NeedsHex(const std::string &s)
 {
-    for (unsigned char c : s)
+    for (size_t i = 0; i < s.size(); ++i) {
+        unsigned char c = static_cast<unsigned char>(s[i]);
         if (c < 0x20 && c != '\t' && c != '\n' && c != '\r')
             return true;
+        if (c == 0xEF && s.compare(i + 1, 1, "\xBF") == 0 && i + 2 < s.size() &&
+            (s[i + 2] == '\xBE' || s[i + 2] == '\xBF'))
+            return true;
+    }
     return false;
 }
 
@@ -65,9 +72,10 @@ std::string Comment(std::string text)
     return Escape(text, false);
 }
 
+// Other texts (a language, a device id) keep only what XML can hold.
 std::string Attr(const std::string &name, const std::string &value)
 {
-    return " " + name + "=\"" + Escape(value, true) + "\"";
+    return " " + name + "=\"" + Escape(NeedsHex(value) ? "(" + Hex(value) + ")" : value, true) + "\"";
 }
 
 std::string YesNo(bool b)
