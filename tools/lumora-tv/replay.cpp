@@ -99,7 +99,7 @@ size_t CountEvents(const tvlog::Plan &plan)
 }
 
 // Runs one step on the host TV; a problem is returned for the table.
-std::string Perform(const tvlog::Step &s, std::map<int, int> &pressedItems)
+std::string Perform(const tvlog::Step &s)
 {
     using K = tvlog::StepKind;
     try {
@@ -111,10 +111,7 @@ std::string Perform(const tvlog::Step &s, std::map<int, int> &pressedItems)
         case K::kUninstall: hosttv::InstallWidget(s.kind == K::kInstall); break;
         case K::kLaunch: hosttv::LaunchWidget(); break;
         case K::kClose: hosttv::CloseWidget(); break;
-        case K::kPress:
-            ++pressedItems[s.item];
-            hosttv::PressButton(s.item, s.button);
-            break;
+        case K::kPress: hosttv::PressButton(s.item, s.button); break;
         }
     } catch (const std::exception &e) {
         return e.what();
@@ -202,24 +199,24 @@ void Replay(const Args &args)
 
     std::vector<std::string> problems;
     std::set<int> drawn;
-    std::map<int, int> pressed;
+    // Times count from the engine start: the first event, or a step the log
+    // shows after the start, waits for the replayed service's engine.
     std::optional<Clock::time_point> t0;
-    int64_t firstMs = 0;
     bool bEngineLost = false;
     for (const tvlog::Step &s : plan.steps) {
-        if (s.kind == tvlog::StepKind::kEvent && !t0) {
-            if (!WaitForEngine(pid)) {
+        const bool bEvent = s.kind == tvlog::StepKind::kEvent;
+        if (!t0 && (bEvent || (s.ms > 0 && hosttv::Widget().bInstalled))) {
+            if (!WaitForEngine(pid) && bEvent) {
                 problems.push_back("the engine of the replayed service did not start; see " + hostLog);
                 bEngineLost = true;
                 break;
             }
             t0 = Clock::now();
-            firstMs = s.ms;
         }
-        if (t0 && s.ms > firstMs)
-            std::this_thread::sleep_until(*t0 + std::chrono::microseconds(static_cast<int64_t>(
-                                                    static_cast<double>(s.ms - firstMs) * 1000 / o.speed)));
-        const std::string problem = Perform(s, pressed);
+        if (t0 && s.ms > 0)
+            std::this_thread::sleep_until(
+                *t0 + std::chrono::microseconds(static_cast<int64_t>(static_cast<double>(s.ms) * 1000 / o.speed)));
+        const std::string problem = Perform(s);
         if (!problem.empty())
             problems.push_back("line " + std::to_string(s.line) + ": " + tvlog::StepName(s.kind) + ": " + problem);
         if (s.kind == tvlog::StepKind::kEvent)
