@@ -2,6 +2,7 @@
 // are), records in the three forms of the platform log, continuation lines.
 #include <cstring>
 #include <map>
+#include <sys/stat.h>
 #include <zlib.h>
 
 #include "tvlog/tvlog.h"
@@ -166,6 +167,9 @@ bool ParseLine(std::string_view line, Record &record)
 
 Reader::Reader(const std::string &path) : m_path(path), m_buffer(kChunk)
 {
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+        throw Error("cannot read " + path + ": it is a directory");
     m_file = gzopen(path.c_str(), "rb");
     if (!m_file)
         throw Error("cannot read " + path + ": " + std::strerror(errno ? errno : ENOENT));
@@ -190,7 +194,8 @@ bool Reader::ReadLine(std::string &line)
             const char *message = gzerror(m_file, &code);
             if (n < 0 || (code != Z_OK && code != Z_STREAM_END))
                 throw Error(m_path + ": the compressed data is damaged or cut short (" +
-                            (message && *message ? message : "zlib error") + ") after line " + std::to_string(m_nLine));
+                            (message && *message ? message : "zlib error") + ")" +
+                            (m_nLine ? " after line " + std::to_string(m_nLine) : std::string()));
             if (n == 0) {
                 m_bEof = true;
                 if (line.empty())
