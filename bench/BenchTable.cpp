@@ -159,6 +159,17 @@ int main(int argc, char **argv)
     AddTarget("idle wake-ups <= 10/min (watchdog) + settings store's (" + Fmt("%.0f", dSettings) + ")",
               Fmt("%.1f/min", dWake), dWake + dSettings, dWake <= 10.0 + dSettings + 1e-9);
 
+    const double dMbs = Get("tvlog.mb_per_s");
+    const double dGrowth = Get("tvlog.peak_100mb_kb") - Get("tvlog.peak_10mb_kb");
+    std::printf("\nThe platform log reader (tools/tvlog) on a 100 MB threadtime log of a whole TV\n");
+    std::printf("  %-40s %10s\n", "throughput, MB/s", Fmt("%.0f", dMbs).c_str());
+    std::printf("  %-40s %10s  (after a 10 MB log: %s)\n", "peak memory after it, MiB",
+                Fmt("%.1f", Get("tvlog.peak_100mb_kb") / 1024).c_str(),
+                Fmt("%.1f", Get("tvlog.peak_10mb_kb") / 1024).c_str());
+    AddTarget("log reader at least 100 MB/s", Fmt("%.0f MB/s", dMbs), dMbs, dMbs >= 100);
+    AddTarget("log reader's peak memory: 10 MB log -> 100 MB log grows < 1 MiB", Fmt("%.0f KiB", dGrowth), dGrowth,
+              dGrowth < 1024);
+
     std::printf("\nTargets (informational)\n");
     int nMissed = 0;
     for (const auto &t : g_targets) {

@@ -49,5 +49,8 @@ int Press(const Args &args);
 int Timeout(const Args &args);
 // engine.cpp
 int Event(const Args &args);
+// replay.cpp
+int Scenario(const Args &args);
+int Replay(const Args &args);
 
 } // namespace lumoratv

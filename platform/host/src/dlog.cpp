@@ -6,7 +6,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <mutex>
+#include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include "registry.h"
@@ -24,6 +27,31 @@ std::atomic<bool> g_bEnabled{!EnvIsOff("TVHOST_LOG")};
 std::atomic<bool> g_bEcho{!EnvIsOff("TVHOST_LOG_STDERR")};
 std::atomic<bool> g_bCapture{false};
 std::atomic<unsigned long> g_nPrints{0};
+
+// TVHOST_LOG_FORMAT: the line prefix of a TV's log tool, brief (the default),
+// time or threadtime, so that every form a TV's log comes in can be written.
+enum class Format { kBrief, kTime, kThreadTime };
+Format ReadFormat()
+{
+    const char *v = std::getenv("TVHOST_LOG_FORMAT");
+    if (v && !std::strcmp(v, "time"))
+        return Format::kTime;
+    if (v && !std::strcmp(v, "threadtime"))
+        return Format::kThreadTime;
+    return Format::kBrief;
+}
+const Format g_format = ReadFormat();
+
+// "MM-DD hh:mm:ss.mmm" in local time.
+void Stamp(char *out, size_t size)
+{
+    timeval now;
+    gettimeofday(&now, nullptr);
+    tm local;
+    localtime_r(&now.tv_sec, &local);
+    std::snprintf(out, size, "%02d-%02d %02d:%02d:%02d.%03d", local.tm_mon + 1, local.tm_mday, local.tm_hour,
+                  local.tm_min, local.tm_sec, static_cast<int>(now.tv_usec / 1000));
+}
 
 std::mutex g_mutex;
 std::vector<tvhost::log::Record> g_records;
@@ -75,8 +103,19 @@ extern "C" int __dlog_vprint(log_id_t log_id, int prio, const char *tag, const c
         // One write per record so that lines from several threads never interleave.
         std::string line;
         line.reserve(text.size() + 32);
-        char head[64];
-        std::snprintf(head, sizeof head, "%c/%s(%5d): ", PriorityLetter(prio), t, static_cast<int>(getpid()));
+        char head[160];
+        const int pid = static_cast<int>(getpid());
+        if (g_format == Format::kBrief) {
+            std::snprintf(head, sizeof head, "%c/%s(%5d): ", PriorityLetter(prio), t, pid);
+        } else {
+            char stamp[40];
+            Stamp(stamp, sizeof stamp);
+            if (g_format == Format::kTime)
+                std::snprintf(head, sizeof head, "%s %c/%s(%5d): ", stamp, PriorityLetter(prio), t, pid);
+            else
+                std::snprintf(head, sizeof head, "%s %5d %5d %c %-8s: ", stamp, pid,
+                              static_cast<int>(syscall(SYS_gettid)), PriorityLetter(prio), t);
+        }
         line += head;
         line += text;
         if (line.empty() || line.back() != '\n')

@@ -1,0 +1,294 @@
+// scenario --from-log, replay: a TV's log played back on the host TV.
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <set>
+#include <thread>
+
+#include "commands.h"
+#include "hosttv/replay.h"
+#include "tvhost/parse.h"
+#include "tvlog/tvlog.h"
+
+namespace lumoratv {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+struct Options {
+    std::string input;
+    std::string out;
+    std::optional<size_t> session;
+    int64_t gapMs = 1000;
+    double speed = 1.0;
+};
+
+// The options of both commands; allowed names what this one takes.
+Options ReadOptions(const Args &args, const std::set<std::string> &allowed, bool bFromLog)
+{
+    Options o;
+    bool bSawFromLog = false;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string &a = args[i];
+        if (!allowed.count(a)) {
+            if (!bFromLog && o.input.empty() && !a.empty() && a[0] != '-') {
+                o.input = a;
+                continue;
+            }
+            throw BadArguments{};
+        }
+        if (i + 1 >= args.size())
+            throw UsageError(a + " needs a value");
+        const std::string &v = args[++i];
+        long n = 0;
+        if (a == "--from-log") {
+            o.input = v, bSawFromLog = true;
+        } else if (a == "--out") {
+            o.out = v;
+        } else if (a == "--session") {
+            if (!tvhost::ParseInt(v, n) || n < 1)
+                throw UsageError("--session takes a run of the service from 1, not \"" + v + "\"");
+            o.session = static_cast<size_t>(n);
+        } else if (a == "--gap") {
+            if (!tvhost::ParseInt(v, n) || n < 0 || n > 3600000)
+                throw UsageError("--gap takes milliseconds from 0 to 3600000, not \"" + v + "\"");
+            o.gapMs = n;
+        } else if (a == "--speed") {
+            char *end = nullptr;
+            o.speed = std::strtod(v.c_str(), &end);
+            if (v.empty() || *end || !(o.speed > 0.0) || o.speed > 1e6)
+                throw UsageError("--speed takes a factor above 0 such as 2 or 0.5, not \"" + v + "\"");
+        }
+    }
+    if (bFromLog ? !bSawFromLog : o.input.empty())
+        throw BadArguments{};
+    return o;
+}
+
+// A log's or a replay file's plan; what is wrong with the input is an Error
+// of the kind the exit status needs.
+tvlog::Plan Load(const Options &o)
+{
+    try {
+        if (tvlog::IsReplayFile(o.input)) {
+            if (o.session)
+                throw UsageError("--session picks a run of a log; " + o.input + " is a replay file");
+            return tvlog::ReadReplayFile(o.input);
+        }
+        if (o.session) {
+            const size_t n = tvlog::ListSessions(o.input).size();
+            if (*o.session > n)
+                throw UsageError("there is no session " + std::to_string(*o.session) + " in " + o.input +
+                                 ": it holds " + std::to_string(n) + (n == 1 ? " run" : " runs") + " of the service");
+        }
+        return tvlog::PlanFromLog(o.input, {o.session, o.gapMs});
+    } catch (const tvlog::Error &e) {
+        throw hosttv::Error(hosttv::Error::Kind::kCannot, e.what());
+    }
+}
+
+size_t CountEvents(const tvlog::Plan &plan)
+{
+    size_t n = 0;
+    for (const auto &s : plan.steps)
+        n += s.kind == tvlog::StepKind::kEvent;
+    return n;
+}
+
+// Runs one step on the host TV; a problem is returned for the table.
+std::string Perform(const tvlog::Step &s)
+{
+    using K = tvlog::StepKind;
+    try {
+        switch (s.kind) {
+        case K::kEvent: hosttv::RaiseEvent(s.event, s.param1, s.param2); break;
+        case K::kLanguage: hosttv::SetSetting(hosttv::FindSettingKey(hosttv::kLanguageKey), s.value); break;
+        case K::kNetwork: hosttv::SetNetwork(s.value); break;
+        case K::kInstall:
+        case K::kUninstall: hosttv::InstallWidget(s.kind == K::kInstall); break;
+        case K::kLaunch: hosttv::LaunchWidget(); break;
+        case K::kClose: hosttv::CloseWidget(); break;
+        case K::kPress: hosttv::PressButton(s.item, s.button); break;
+        }
+    } catch (const std::exception &e) {
+        return e.what();
+    }
+    return "";
+}
+
+// Draws the pop-ups that came since the last look.
+void DrawNew(std::set<int> &drawn)
+{
+    try {
+        for (const auto &r : hosttv::Popups())
+            if (drawn.insert(r.itemId).second)
+                std::printf("%s", tvhost::notifications::Render(r).c_str());
+        std::fflush(stdout);
+    } catch (const hosttv::Error &) {
+        // The service ended (a power-off): nothing more to draw.
+    }
+}
+
+bool WaitForEngine(pid_t pid)
+{
+    const auto deadline = Clock::now() + std::chrono::seconds(30);
+    int status = 0;
+    while (!hosttv::EngineAnswers()) {
+        if (Clock::now() > deadline || hosttv::WaitService(pid, milliseconds(0), status))
+            return false;
+        std::this_thread::sleep_for(milliseconds(50));
+    }
+    return true;
+}
+
+} // namespace
+
+int Scenario(const Args &args)
+{
+    const Options o = ReadOptions(args, {"--from-log", "--out", "--session", "--gap"}, true);
+    const tvlog::Plan plan = Load(o);
+    const std::string text = tvlog::WriteReplayFile(plan, o.input);
+    if (o.out.empty() || o.out == "-") {
+        std::fwrite(text.data(), 1, text.size(), stdout);
+    } else {
+        std::ofstream out(o.out, std::ios::binary | std::ios::trunc);
+        if (!(out << text) || !out.flush())
+            throw hosttv::Error(hosttv::Error::Kind::kCannot, "cannot write " + o.out);
+    }
+    std::fprintf(stderr, "lumora-tv: the run of process %d: %zu events, %zu TV steps, %zu outcomes%s\n", plan.pid,
+                 CountEvents(plan), plan.steps.size() - CountEvents(plan), plan.outcomes.size(),
+                 plan.bTimed ? ""
+                             : ("; no times in the log, " + std::to_string(o.gapMs) + " ms between steps").c_str());
+    for (const auto &note : plan.notes)
+        std::fprintf(stderr, "lumora-tv: %s\n", note.c_str());
+    return kDone;
+}
+
+int Replay(const Args &args)
+{
+    const Options o = ReadOptions(args, {"--speed", "--session", "--gap"}, false);
+    const tvlog::Plan plan = Load(o);
+    if (plan.steps.empty())
+        throw hosttv::Error(hosttv::Error::Kind::kCannot, "the run of the service in " + o.input +
+                                                              " has nothing to replay (no engine event, no "
+                                                              "action of the TV or the viewer)");
+
+    // The host TV as the log shows it at the start; only now is it touched.
+    // Reset first: PrepareRun takes the run lock for this process.
+    hosttv::Reset();
+    const hosttv::RunPlan run = hosttv::PrepareRun("");
+    if (!plan.start.widget.bInstalled)
+        hosttv::InstallWidget(false);
+    else if (plan.start.widget.bRunning)
+        hosttv::LaunchWidget();
+    hosttv::SetSetting(hosttv::FindSettingKey(hosttv::kLanguageKey), plan.start.language);
+    hosttv::SetNetwork(plan.start.network.empty() ? "ethernet" : plan.start.network);
+    // The events come from the log in its order, injected one at a time,
+    // so the engine plays no scenario of its own.
+    hosttv::PlaceModeFile(
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Mode name=\"replay\"><Home/><Scenario/></Mode>\n");
+    const std::string hostLog = hosttv::ReplayLogPath();
+    std::printf("replaying %s (run of process %d): %zu events; host TV: widget %s%s, %s, %s; its log: %s\n",
+                o.input.c_str(), plan.pid, CountEvents(plan),
+                plan.start.widget.bInstalled ? "installed" : "not installed",
+                plan.start.widget.bRunning ? " and running" : "", plan.start.language.c_str(),
+                plan.start.network.c_str(), hostLog.c_str());
+    std::fflush(stdout);
+    const pid_t pid = hosttv::SpawnService(run, hostLog);
+
+    std::vector<std::string> problems;
+    std::set<int> drawn;
+    // Times count from the engine start: the first event, or a step the log
+    // shows after the start, waits for the replayed service's engine.
+    std::optional<Clock::time_point> t0;
+    bool bEngineLost = false;
+    for (const tvlog::Step &s : plan.steps) {
+        const bool bEvent = s.kind == tvlog::StepKind::kEvent;
+        if (!t0 && (bEvent || (s.ms > 0 && hosttv::Widget().bInstalled))) {
+            if (!WaitForEngine(pid) && bEvent) {
+                problems.push_back("the engine of the replayed service did not start; see " + hostLog);
+                bEngineLost = true;
+                break;
+            }
+            t0 = Clock::now();
+        }
+        if (t0 && s.ms > 0)
+            std::this_thread::sleep_until(
+                *t0 + std::chrono::microseconds(static_cast<int64_t>(static_cast<double>(s.ms) * 1000 / o.speed)));
+        const std::string problem = Perform(s);
+        if (!problem.empty())
+            problems.push_back("line " + std::to_string(s.line) + ": " + tvlog::StepName(s.kind) + ": " + problem);
+        if (s.kind == tvlog::StepKind::kEvent)
+            DrawNew(drawn);
+    }
+    DrawNew(drawn);
+
+    bool bPowerOff = false;
+    for (const auto &out : plan.outcomes)
+        bPowerOff = bPowerOff || (out.kind == tvlog::Outcome::Kind::kPowerOff && out.bOk);
+    int status = 0;
+    // A switched-off TV ends the service; otherwise let the last step settle.
+    if (!bPowerOff || bEngineLost || !hosttv::WaitService(pid, std::chrono::seconds(20), status)) {
+        std::this_thread::sleep_for(milliseconds(bEngineLost ? 0 : 500));
+        hosttv::StopService(pid, std::chrono::seconds(10));
+    }
+
+    tvlog::Plan replayed;
+    try {
+        replayed = tvlog::PlanFromLog(hostLog, {});
+    } catch (const tvlog::Error &e) {
+        problems.push_back(std::string("the host TV's log: ") + e.what());
+    }
+
+    std::map<int, std::pair<size_t, size_t>> counts;
+    for (const auto &s : plan.steps)
+        if (s.kind == tvlog::StepKind::kEvent)
+            ++counts[s.event].first;
+    for (const auto &s : replayed.steps)
+        if (s.kind == tvlog::StepKind::kEvent)
+            ++counts[s.event].second;
+    std::printf("\n%-8s %8s %9s\n", "event", "in log", "replayed");
+    bool bRefreshed = false;
+    for (const auto &c : counts) {
+        std::printf("%-8d %8zu %9zu%s\n", c.first, c.second.first, c.second.second,
+                    c.first == 0 && c.second.second > c.second.first ? " *" : "");
+        bRefreshed = bRefreshed || (c.first == 0 && c.second.second > c.second.first);
+    }
+    if (bRefreshed)
+        std::printf("* the simulated engine answers a refresh (a network change) with an event 0 of its own\n");
+
+    const std::vector<tvlog::Difference> diffs = tvlog::Compare(plan.outcomes, replayed.outcomes);
+    if (!diffs.empty())
+        std::printf("\ndifferences (log line: the TV logged | the host TV did):\n");
+    for (const auto &d : diffs)
+        std::printf("  line %zu: %s | %s\n", d.logged ? d.logged->line : size_t{0},
+                    d.logged ? tvlog::Describe(*d.logged).c_str() : "nothing",
+                    d.replayed ? tvlog::Describe(*d.replayed).c_str() : "nothing");
+    bool bCut = false;
+    for (const auto &s : plan.steps)
+        if (s.kind == tvlog::StepKind::kEvent && !s.bWellFormed) {
+            if (!bCut)
+                std::printf("\n");
+            bCut = true;
+            std::printf("  line %zu: event %d: as logged; the log may have cut it\n", s.line, s.event);
+        }
+    for (const auto &note : plan.notes)
+        std::printf("  note: %s\n", note.c_str());
+    for (const auto &p : problems)
+        std::printf("  could not replay: %s\n", p.c_str());
+    const bool bSame = diffs.empty() && problems.empty();
+    std::printf("\n%s: %zu of %zu outcomes as logged (pop-ups, launches, power-off)\n",
+                bSame ? "the host TV did what the TV logged" : "the host TV differs from the log",
+                plan.outcomes.size() - std::min(plan.outcomes.size(), diffs.size()), plan.outcomes.size());
+    std::fflush(stdout);
+    if (!bSame)
+        throw hosttv::Error(hosttv::Error::Kind::kCannot,
+                            "the replay of " + o.input + " differs from the log: " + std::to_string(diffs.size()) +
+                                " differences, " + std::to_string(problems.size()) + " steps not replayed");
+    return kDone;
+}
+
+} // namespace lumoratv
