@@ -100,13 +100,14 @@ TEST(HostileInput, TextsAreOnlyDataAndWhatDoesNotParseTakesTheDocParsedErrorPath
     } cases[] = {
         {"printf conversions, logged as data", "", conversions, conversions, "", conversions.c_str()},
         {"what follows a NUL byte", "", "1", "name", std::string(1, '\0') + "<garbage " + secret, "name"},
-        {"an external entity", "<!DOCTYPE n [<!ENTITY e SYSTEM \"" + file + "\">]>", "1", "a&e;b", "", "ab"},
-        {"an external entity URL", "<!DOCTYPE n [<!ENTITY e SYSTEM \"file://" + file + "\">]>", "1", "a&e;b", "", "ab"},
-        {"an external subset", "<!DOCTYPE n SYSTEM \"" + file + "\">", "1", "x", "", "x"},
+        {"an external entity", "<!DOCTYPE n [<!ENTITY e SYSTEM \"" + file + "\">]>", "1", "a&e;b", "", nullptr},
+        {"an external entity URL", "<!DOCTYPE n [<!ENTITY e SYSTEM \"file://" + file + "\">]>", "1", "a&e;b", "",
+         nullptr},
+        {"an external subset", "<!DOCTYPE n SYSTEM \"" + file + "\">", "1", "x", "", nullptr},
         {"tens of megabytes", "", "big", big, "", big.c_str()},
-        // Not a bomb: under 8 KiB of document become a 1 MiB text.
+        // Flat expansion, which libxml2 does not stop: refused with any other DTD.
         {"an entity referenced 256 times", "<!DOCTYPE n [<!ENTITY big \"" + mib.substr(0, 4096) + "\">]>", "1",
-         Repeat("&big;", 256), "", mib.c_str()},
+         Repeat("&big;", 256), "", nullptr},
         {"nested entity expansion", bomb + "]>", "1", "&lol9;", "", nullptr},
         {"nesting deeper than libxml2's limit of 256", "", "1", Repeat("<d>", 10000) + Repeat("</d>", 10000), "",
          nullptr},

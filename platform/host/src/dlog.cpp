@@ -1,8 +1,10 @@
 // The platform log on the host: one line per record on stderr, in the shape
-// "D/LUMORA( 1234): text", switchable off, and capturable for tests.
+// "D/LUMORA( 1234): text", switchable off, and capturable for tests. What
+// reaches the terminal is escaped; captured records keep the text as logged.
 #include <dlog.h>
 
 #include <atomic>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,7 +14,11 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <libxml/globals.h>
+#include <libxml/xmlerror.h>
+
 #include "registry.h"
+#include "terminal_text.h"
 #include "tvhost/log.h"
 
 namespace {
@@ -61,6 +67,83 @@ char PriorityLetter(int prio)
     static const char letters[] = "??VDIWEFS";
     return (prio >= 0 && prio < static_cast<int>(sizeof letters - 1)) ? letters[prio] : '?';
 }
+
+// Put in front of each further line of a record, so that no line of a
+// record's text can be read as a record of its own.
+const char kContinuation[] = "    | ";
+
+void AppendEscape(std::string &out, const char *format, unsigned long value)
+{
+    char code[32];
+    std::snprintf(code, sizeof code, format, value);
+    out += code;
+}
+
+// Appends n bytes of text as they may reach a terminal: controls as \x1b,
+// C1 controls and bidirectional controls as \u009b, \u202e, a byte outside
+// well-formed UTF-8 as \xff. A line feed stays; the lines after it begin
+// with kContinuation when bMarkLines, or (libxml2's own lines) only when
+// they would begin like a record.
+void AppendForTerminal(std::string &out, const char *p, size_t n, bool bMarkLines, bool &bLineStart)
+{
+    size_t i = 0;
+    while (i < n) {
+        if (bLineStart &&
+            (bMarkLines || (p[i] != '\0' && std::strchr("?VDIWEFS", p[i]) && (i + 1 == n || p[i + 1] == '/'))))
+            out += kContinuation;
+        bLineStart = false;
+        const tvhost::text::Unit u = tvhost::text::Decode(p + i, n - i);
+        if (u.cp == '\n' && !u.bBroken) {
+            out += '\n';
+            bLineStart = true;
+        } else if (u.bBroken || u.cp < 0x20 || u.cp == 0x7F) {
+            AppendEscape(out, "\\x%02lx", u.cp);
+        } else if (tvhost::text::IsControl(u.cp) || tvhost::text::IsBidiControl(u.cp)) {
+            AppendEscape(out, "\\u%04lx", u.cp);
+        } else {
+            out.append(p + i, u.n);
+        }
+        i += u.n;
+    }
+}
+
+// libxml2's error printer: its text as it was, on stderr, through the same
+// escape. libxml2 prints a message in pieces, so where a line begins is
+// kept per thread.
+void XmlErrorToTerminal(void *, const char *fmt, ...)
+{
+    thread_local bool bLineStart = true;
+    va_list ap;
+    va_start(ap, fmt);
+    char small[512];
+    va_list copy;
+    va_copy(copy, ap);
+    const int n = std::vsnprintf(small, sizeof small, fmt, copy);
+    va_end(copy);
+    std::string text;
+    if (n >= 0 && static_cast<size_t>(n) < sizeof small) {
+        text.assign(small, static_cast<size_t>(n));
+    } else if (n >= 0) {
+        text.resize(static_cast<size_t>(n) + 1);
+        std::vsnprintf(&text[0], text.size(), fmt, ap);
+        text.resize(static_cast<size_t>(n));
+    }
+    va_end(ap);
+    std::string out;
+    AppendForTerminal(out, text.data(), text.size(), false, bLineStart);
+    ssize_t ignored = write(STDERR_FILENO, out.data(), out.size());
+    (void)ignored;
+}
+
+// Every thread of a process that loads tvhost, the engine's included, prints
+// libxml2's errors through XmlErrorToTerminal.
+struct XmlErrorsRouted {
+    XmlErrorsRouted()
+    {
+        xmlThrDefSetGenericErrorFunc(nullptr, XmlErrorToTerminal);
+        xmlSetGenericErrorFunc(nullptr, XmlErrorToTerminal);
+    }
+} g_xmlErrorsRouted;
 
 tvhost::detail::ResetHook g_reset([] {
     std::lock_guard<std::mutex> lock(g_mutex);
@@ -117,7 +200,10 @@ extern "C" int __dlog_vprint(log_id_t log_id, int prio, const char *tag, const c
                               static_cast<int>(syscall(SYS_gettid)), PriorityLetter(prio), t);
         }
         line += head;
-        line += text;
+        // The record's own final line feed ends it; any other begins a marked line.
+        const bool bEndsLine = !text.empty() && text.back() == '\n';
+        bool bLineStart = false;
+        AppendForTerminal(line, text.data(), text.size() - (bEndsLine ? 1 : 0), true, bLineStart);
         if (line.empty() || line.back() != '\n')
             line += '\n';
         ssize_t ignored = write(STDERR_FILENO, line.data(), line.size());

@@ -2,9 +2,22 @@
 
 #include <algorithm>
 
+#include "terminal_text.h"
+
 namespace tvhost {
 namespace notifications {
 namespace {
+
+// The box: between 36 and 64 columns of text, each part at most so many
+// lines. Whatever a record holds, the drawing stays this size and reads no
+// further into a text than it draws.
+constexpr int kMinWidth = 36;
+constexpr int kMaxWidth = 64;
+constexpr int kMaxAppIdWidth = 40;
+constexpr size_t kTitleLines = 4;
+constexpr size_t kBodyLines = 16;
+constexpr size_t kSubTextLines = 4;
+const char kEllipsis[] = "\u2026";
 
 // Terminal columns of one code point: East Asian wide characters take two.
 int CodePointWidth(unsigned long cp)
@@ -18,60 +31,95 @@ int CodePointWidth(unsigned long cp)
     return 1;
 }
 
-// Splits UTF-8 text into code points (bytes of a broken sequence stand alone).
-std::vector<std::pair<std::string, int>> Glyphs(const std::string &text)
+// One character as drawn: its bytes (in the text, or a replacement) and
+// columns. A control character is a blank, a line feed ends a line, a C1
+// or bidirectional control is not drawn, a broken UTF-8 byte is a '?'.
+struct Glyph {
+    enum Kind { kText, kBlank, kLineFeed, kNothing } kind;
+    const char *p;
+    size_t n;
+    int width;
+};
+
+Glyph NextGlyph(const std::string &text, size_t &i)
 {
-    std::vector<std::pair<std::string, int>> out;
-    size_t i = 0;
-    while (i < text.size()) {
-        unsigned char c = static_cast<unsigned char>(text[i]);
-        size_t n = c < 0x80 ? 1 : (c >> 5) == 6 ? 2 : (c >> 4) == 14 ? 3 : (c >> 3) == 30 ? 4 : 1;
-        if (i + n > text.size())
-            n = 1;
-        unsigned long cp = n == 1 ? c : (c & (0x7F >> n));
-        for (size_t k = 1; k < n; ++k) {
-            unsigned char cc = static_cast<unsigned char>(text[i + k]);
-            if ((cc & 0xC0) != 0x80) {
-                n = 1;
-                cp = c;
-                break;
-            }
-            cp = (cp << 6) | (cc & 0x3F);
-        }
-        std::string g = text.substr(i, n);
-        if (n == 1 && (c < 0x20 || c == 0x7F))
-            g = " ";
-        else if (n == 1 && c >= 0x80)
-            g = "?";
-        out.emplace_back(g, n == 1 ? 1 : CodePointWidth(cp));
-        i += n;
-    }
-    return out;
+    const text::Unit u = text::Decode(text.data() + i, text.size() - i);
+    const char *p = text.data() + i;
+    i += u.n;
+    if (u.bBroken)
+        return {Glyph::kText, "?", 1, 1};
+    if (u.cp == '\n')
+        return {Glyph::kLineFeed, " ", 1, 1};
+    if (u.cp <= 0x20 || u.cp == 0x7F)
+        return {Glyph::kBlank, " ", 1, 1};
+    if (text::IsControl(u.cp) || text::IsBidiControl(u.cp))
+        return {Glyph::kNothing, "", 0, 0};
+    return {Glyph::kText, p, u.n, CodePointWidth(u.cp)};
 }
 
 int Width(const std::string &text)
 {
     int w = 0;
-    for (const auto &g : Glyphs(text))
-        w += g.second;
+    for (size_t i = 0; i < text.size();)
+        w += NextGlyph(text, i).width;
     return w;
 }
 
-// Word-wraps one paragraph to nWidth columns; over-long words are cut.
-void Wrap(const std::string &paragraph, int nWidth, std::vector<std::string> &lines)
+// Ends a cut text: its last characters give way to an ellipsis within nWidth.
+void EndWithEllipsis(std::string &line, int nWidth)
 {
-    std::string line;
-    int nLine = 0;
-    std::string word;
-    int nWord = 0;
+    while (!line.empty() && Width(line) + 1 > nWidth) {
+        size_t n = line.size() - 1;
+        while (n > 0 && (static_cast<unsigned char>(line[n]) & 0xC0) == 0x80)
+            --n;
+        line.resize(n);
+    }
+    line += kEllipsis;
+}
+
+// One line of text, a blank for every control or line feed, cut with an
+// ellipsis past nWidth columns.
+std::string OneLine(const std::string &text, int nWidth)
+{
+    std::string out;
+    int nOut = 0;
+    for (size_t i = 0; i < text.size();) {
+        const Glyph g = NextGlyph(text, i);
+        if (nOut + g.width > nWidth) {
+            EndWithEllipsis(out, nWidth);
+            break;
+        }
+        out.append(g.p, g.n);
+        nOut += g.width;
+    }
+    return out;
+}
+
+// Word-wraps text to nWidth columns, a line feed starting a new line;
+// over-long words are cut. A text that needs more than nMaxLines lines ends
+// with an ellipsis on the last of them.
+std::vector<std::string> WrapText(const std::string &text, int nWidth, size_t nMaxLines)
+{
+    std::vector<std::string> lines;
+    std::string line, word;
+    int nLine = 0, nWord = 0;
+    bool bCut = false;
+    auto endLine = [&] {
+        if (lines.size() == nMaxLines) {
+            bCut = true;
+            return;
+        }
+        lines.push_back(line);
+        line.clear();
+        nLine = 0;
+    };
     auto flushWord = [&] {
         if (word.empty())
             return;
-        if (nLine > 0 && nLine + 1 + nWord > nWidth) {
-            lines.push_back(line);
-            line.clear();
-            nLine = 0;
-        }
+        if (nLine > 0 && nLine + 1 + nWord > nWidth)
+            endLine();
+        if (bCut)
+            return;
         if (nLine > 0) {
             line += ' ';
             ++nLine;
@@ -81,37 +129,29 @@ void Wrap(const std::string &paragraph, int nWidth, std::vector<std::string> &li
         word.clear();
         nWord = 0;
     };
-    for (const auto &g : Glyphs(paragraph)) {
-        if (g.first == " ") {
+    for (size_t i = 0; i < text.size() && !bCut;) {
+        const Glyph g = NextGlyph(text, i);
+        if (g.kind == Glyph::kNothing)
+            continue;
+        if (g.kind != Glyph::kText) {
             flushWord();
+            if (g.kind == Glyph::kLineFeed && !bCut)
+                endLine();
             continue;
         }
-        if (nWord + g.second > nWidth) {
+        if (nWord + g.width > nWidth) {
             flushWord();
-            if (nLine > 0) {
-                lines.push_back(line);
-                line.clear();
-                nLine = 0;
-            }
+            if (nLine > 0 && !bCut)
+                endLine();
         }
-        word += g.first;
-        nWord += g.second;
+        word.append(g.p, g.n);
+        nWord += g.width;
     }
     flushWord();
-    lines.push_back(line);
-}
-
-std::vector<std::string> WrapText(const std::string &text, int nWidth)
-{
-    std::vector<std::string> lines;
-    size_t start = 0;
-    for (;;) {
-        size_t nl = text.find('\n', start);
-        Wrap(text.substr(start, nl == std::string::npos ? std::string::npos : nl - start), nWidth, lines);
-        if (nl == std::string::npos)
-            break;
-        start = nl + 1;
-    }
+    if (!bCut)
+        endLine();
+    if (bCut)
+        EndWithEllipsis(lines.back(), nWidth);
     return lines;
 }
 
@@ -200,24 +240,25 @@ std::string NotOnScreenText(int itemId, const std::vector<Record> &records)
 
 std::string Render(const Record &r)
 {
-    constexpr int kMin = 36;
-    constexpr int kMax = 64;
-    const std::string title = r.title.value_or("");
-    const std::string body = r.body.value_or("");
-    const std::string sub = r.subText.value_or("");
+    struct Part {
+        std::string text;
+        size_t nMaxLines;
+    };
+    const Part title{r.title.value_or(""), kTitleLines}, body{r.body.value_or(""), kBodyLines},
+        sub{r.subText.value_or(""), kSubTextLines};
     std::vector<std::string> buttons;
     for (int i = 0; i < r.buttonCount && i < static_cast<int>(r.buttonLabel.size()); ++i)
-        buttons.push_back("[ " + r.buttonLabel[i].value_or("") + " ]");
-    std::string caption = " " + r.appId.value_or("?") + " #" + std::to_string(r.itemId) + " ";
+        buttons.push_back("[ " + OneLine(r.buttonLabel[i].value_or(""), kMaxWidth - 4) + " ]");
+    std::string caption = " " + OneLine(r.appId.value_or("?"), kMaxAppIdWidth) + " #" + std::to_string(r.itemId) + " ";
 
-    int nWidth = kMin;
-    for (const std::string *t : {&title, &body, &sub})
-        for (const auto &line : WrapText(*t, kMax))
+    int nWidth = kMinWidth;
+    for (const Part *p : {&title, &body, &sub})
+        for (const auto &line : WrapText(p->text, kMaxWidth, p->nMaxLines))
             nWidth = std::max(nWidth, Width(line));
     std::string buttonRow;
     for (const auto &b : buttons)
         buttonRow += (buttonRow.empty() ? "" : "  ") + b;
-    nWidth = std::min(kMax, std::max(nWidth, Width(buttonRow)));
+    nWidth = std::min(kMaxWidth, std::max(nWidth, Width(buttonRow)));
     nWidth = std::max(nWidth, Width(caption) + 1);
 
     std::string out;
@@ -225,13 +266,13 @@ std::string Render(const Record &r)
         out += "│ " + text + std::string(static_cast<size_t>(std::max(0, nWidth - Width(text))), ' ') + " │\n";
     };
     out += "┌─" + caption + Repeat("─", nWidth + 1 - Width(caption)) + "┐\n";
-    for (const auto &line : WrapText(title, nWidth))
+    for (const auto &line : WrapText(title.text, nWidth, title.nMaxLines))
         row(line);
     out += "├" + Repeat("─", nWidth + 2) + "┤\n";
-    for (const auto &line : WrapText(body, nWidth))
+    for (const auto &line : WrapText(body.text, nWidth, body.nMaxLines))
         row(line);
-    if (!sub.empty())
-        for (const auto &line : WrapText(sub, nWidth))
+    if (!sub.text.empty())
+        for (const auto &line : WrapText(sub.text, nWidth, sub.nMaxLines))
             row(line);
     if (!buttons.empty()) {
         row("");
@@ -251,7 +292,7 @@ std::string Render(const Record &r)
 
 std::string RenderClosed(const std::string &appId, int itemId)
 {
-    return "(" + appId + " #" + std::to_string(itemId) + " closed)\n";
+    return "(" + OneLine(appId, kMaxAppIdWidth) + " #" + std::to_string(itemId) + " closed)\n";
 }
 
 } // namespace notifications

@@ -5,6 +5,7 @@
 
 #include <libxml/tree.h>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 class LumoraParameter {
@@ -87,6 +88,12 @@ public:
     void InsertDeviceList(CRegisteredDeviceList::Item item);
 
     std::vector<Item> m_vecDevice;
+
+private:
+    // Position in m_vecDevice of each id, so that a repeat is found without a
+    // scan of the list: a hostile list of many devices must not cost the
+    // engine thread quadratic time.
+    std::unordered_map<std::string, size_t> m_mapIndex;
 };
 
 class CCommandResult : public LumoraParameter {

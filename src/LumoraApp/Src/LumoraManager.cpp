@@ -81,7 +81,7 @@ void ForEachNamed(xmlNodePtr pFirst, Fn fn)
 // failure and handed back on success.
 xmlNodePtr OpenCatalogue(const char *pFunction, const char *pBuffer, int nSize, const char *pRootName, xmlDocPtr &pDoc)
 {
-    pDoc = xmlParseMemory(pBuffer, nSize);
+    pDoc = ExtXmlParseEngineText(pBuffer, nSize);
     if (pDoc == nullptr) {
         LUMORA_LOG_AS(pFunction, EXT_LOG_DEBUG, "doc parsed error");
         return nullptr;
@@ -450,7 +450,7 @@ bool LumoraManager::m_ParseRegisteredDevice(const char *pBuffer, int nSize)
 
 bool LumoraManager::m_ParseRegisteredDeviceDocument(const char *pBuffer, int nSize, const char *pFunction)
 {
-    xmlDocPtr pDoc = xmlParseMemory(pBuffer, nSize);
+    xmlDocPtr pDoc = ExtXmlParseEngineText(pBuffer, nSize);
     if (pDoc == nullptr) {
         LUMORA_LOG_AS(pFunction, EXT_LOG_DEBUG, "doc parsed error");
         return false;
@@ -498,7 +498,7 @@ bool LumoraManager::m_EleOnRegisteredDevice(_xmlNode *pNode)
 
 bool LumoraManager::m_ParseDeviceCommandList(const char *pBuffer, int nSize)
 {
-    xmlDocPtr pDoc = xmlParseMemory(pBuffer, nSize);
+    xmlDocPtr pDoc = ExtXmlParseEngineText(pBuffer, nSize);
     if (pDoc == nullptr) {
         LUMORA_LOG(EXT_LOG_DEBUG, "doc parsed error");
         return false;

@@ -186,7 +186,7 @@ void CDeviceNotification::Clear()
 
 bool CDeviceNotification::ParseDeviceNotification(const char *buffer, int size)
 {
-    DocHolder doc(xmlParseMemory(buffer, size));
+    DocHolder doc(ExtXmlParseEngineText(buffer, size));
     if (doc.get() == nullptr) {
         LUMORA_LOG(EXT_LOG_DEBUG, "doc parsed error");
         return false;
@@ -297,7 +297,7 @@ bool CNewDeviceList::ParseNewDeviceList(const char *buffer, int size)
 {
     bool bComplete = true;
     {
-        DocHolder doc(xmlParseMemory(buffer, size));
+        DocHolder doc(ExtXmlParseEngineText(buffer, size));
         if (doc.get() == nullptr) {
             LUMORA_LOG(EXT_LOG_DEBUG, "doc parsed error");
             return false;
@@ -400,11 +400,12 @@ bool CRegisteredDeviceList::Parse(const char *strParam1, const char * /*strParam
 void CRegisteredDeviceList::Clear()
 {
     m_vecDevice.clear();
+    m_mapIndex.clear();
 }
 
 bool CRegisteredDeviceList::m_ParseRegisteredDevice(const char *buffer, int size)
 {
-    DocHolder doc(xmlParseMemory(buffer, size));
+    DocHolder doc(ExtXmlParseEngineText(buffer, size));
     if (doc.get() == nullptr) {
         LUMORA_LOG(EXT_LOG_DEBUG, "doc parsed error");
         return false;
@@ -469,23 +470,28 @@ void CRegisteredDeviceList::InsertDeviceList(CRegisteredDeviceList::Item item)
                item.type.c_str());
 
     // Deliberate: air conditioners only, one item per id in order of first
-    // appearance, found by a linear scan for every device (quadratic over a
-    // list; a home's list is short). Pinned by LumoraParameterTest
-    // (registered-device list).
+    // appearance. Pinned by LumoraParameterTest (registered-device list).
     if (item.type != kAirConditioner)
         return;
-    for (Item &existing : m_vecDevice) {
-        if (existing.strID == item.strID) {
-            // Deliberate: bConnected keeps the device's first report; status
-            // shows the latest. Pinned by LumoraParameterTest (registered-device
-            // list: a repeat).
-            existing.strCtrlName = item.strCtrlName;
-            existing.status = item.status;
-            existing.type = item.type;
-            return;
-        }
+    // The list is public: an index that no longer matches it is rebuilt.
+    if (m_mapIndex.size() != m_vecDevice.size()) {
+        m_mapIndex.clear();
+        for (size_t i = 0; i < m_vecDevice.size(); ++i)
+            m_mapIndex.emplace(m_vecDevice[i].strID, i);
     }
-    m_vecDevice.push_back(item);
+    const auto found = m_mapIndex.find(item.strID);
+    if (found != m_mapIndex.end()) {
+        // Deliberate: bConnected keeps the device's first report; status
+        // shows the latest. Pinned by LumoraParameterTest (registered-device
+        // list: a repeat).
+        Item &existing = m_vecDevice[found->second];
+        existing.strCtrlName = item.strCtrlName;
+        existing.status = item.status;
+        existing.type = item.type;
+        return;
+    }
+    m_mapIndex.emplace(item.strID, m_vecDevice.size());
+    m_vecDevice.push_back(std::move(item));
 }
 
 // ---------------------------------------------------------------------------
