@@ -128,7 +128,7 @@ TEST(TvLogReader, JoinsContinuationLinesRollsOverTheYearAndReadsGzip)
     const std::string text = "--------- beginning of main\n"
                              "12-31 23:59:59.500 D/LUMORA( 5): first\n"
                              "<a>\n"
-                             "</a>\r\n"
+                             "    | </a>\r\n" // as the host TV's terminal marks a further line
                              "12-31 23:59:59.900 I/Other( 6): other\n"
                              "01-01 00:00:00.250 D/LUMORA( 5): last";
     const std::string plain = Write("roll.log", text);

@@ -241,7 +241,9 @@ bool Reader::Next(Record &record)
                 throw Error(m_path + ": the record of line " + std::to_string(m_pending->line) + " grows past " +
                             std::to_string(kMaxLine >> 20) + " MiB; this is not a platform log");
             m_pending->text += '\n';
-            m_pending->text += line;
+            // The host TV's terminal marks every further line of a record.
+            const std::string_view marker = "    | ";
+            m_pending->text += line.compare(0, marker.size(), marker) == 0 ? line.substr(marker.size()) : line;
             continue;
         }
         parsed.line = m_nLine;
