@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <stdexcept>
 #include <poll.h>
-#include <sys/inotify.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -26,9 +25,8 @@ Supervisor::Supervisor()
     close(fd);
     m_strLogPath = tmpl;
     m_logFd = open(tmpl, O_RDONLY | O_CLOEXEC);
-    m_inotify = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    if (m_logFd < 0 || m_inotify < 0 || inotify_add_watch(m_inotify, tmpl, IN_MODIFY) < 0)
-        throw std::runtime_error("cannot watch the log");
+    if (m_logFd < 0)
+        throw std::runtime_error("cannot read the log");
 }
 
 Supervisor::~Supervisor()
@@ -39,7 +37,6 @@ Supervisor::~Supervisor()
     }
     if (m_pidfd >= 0)
         close(m_pidfd);
-    close(m_inotify);
     close(m_logFd);
     unlink(m_strLogPath.c_str());
 }
@@ -96,6 +93,60 @@ std::vector<char *> Pointers(std::vector<std::string> &texts)
     for (std::string &t : texts)
         out.push_back(&t[0]);
     out.push_back(nullptr);
+    return out;
+}
+
+// The texts the service sends to its supervisor.
+std::string ReadinessOf(const std::string &name, pid_t pid)
+{
+    return "READY=1\nsd_notify READY Proc : " + name + "(" + std::to_string(pid) + ")";
+}
+
+std::string WatchdogOf(pid_t pid)
+{
+    return "WATCHDOG=1\nsd_notify WATCHDOG Proc : lumora(" + std::to_string(pid) + ")";
+}
+
+// The timer thread's readiness ("RAApp") comes first; the service's own
+// ("lumora") once, right before the first watchdog message; every other
+// message is a watchdog message, but for the plain "READY=1" that Ecore sends
+// when its main loop begins.
+Supervision Judge(const std::vector<NotifySocket::Message> &messages, pid_t pid, Supervisor::Clock::time_point start,
+                  Supervisor::Clock::time_point end)
+{
+    using std::chrono::duration_cast;
+    using std::chrono::milliseconds;
+    Supervision out;
+    auto gap = [&](Supervisor::Clock::time_point from, Supervisor::Clock::time_point to) {
+        out.longestGap = std::max(out.longestGap, duration_cast<milliseconds>(to - from));
+    };
+    if (messages.empty() || messages[0].text != ReadinessOf("RAApp", pid))
+        out.problems.push_back("the first message is not the timer thread's readiness \"" + ReadinessOf("RAApp", pid) +
+                               "\"");
+    int nReady = 0;
+    Supervisor::Clock::time_point last = start;
+    for (size_t i = messages.empty() ? 0 : 1; i < messages.size(); ++i) {
+        const NotifySocket::Message &m = messages[i];
+        if (m.text == "READY=1")
+            continue;
+        if (m.text == ReadinessOf("lumora", pid)) {
+            if (++nReady > 1)
+                out.problems.push_back("a second readiness message of the service");
+            if (out.nWatchdogs > 0)
+                out.problems.push_back("the service's readiness came after a watchdog message");
+            continue;
+        }
+        if (m.text != WatchdogOf(pid)) {
+            out.problems.push_back("unexpected message: \"" + m.text + "\"");
+            continue;
+        }
+        if (out.nWatchdogs == 0 && nReady == 0)
+            out.problems.push_back("the first watchdog message came without the service's readiness");
+        ++out.nWatchdogs;
+        gap(last, m.when);
+        last = m.when;
+    }
+    gap(last, end);
     return out;
 }
 
@@ -211,10 +262,6 @@ bool Supervisor::WaitForLog(const std::string &text, std::chrono::milliseconds t
     int n = 0;
     size_t scanned = 0; // the text found so far is not searched again
     for (;;) {
-        // The inotify queue is drained before the read, so a write after the
-        // read leaves an event behind and wakes the poll below.
-        char events[4096];
-        while (read(m_inotify, events, sizeof events) > 0) {}
         const bool bEnded = !Running(); // what an ended service wrote is all there is
         ReadLog();
         for (size_t at; (at = m_strLog.find(text, scanned)) != std::string::npos; ++n)
@@ -226,63 +273,10 @@ bool Supervisor::WaitForLog(const std::string &text, std::chrono::milliseconds t
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now());
         if (bEnded || left.count() <= 0)
             return false;
-        struct pollfd pfd[2] = {{m_inotify, POLLIN, 0}, {m_pidfd, POLLIN, 0}};
-        poll(pfd, 2, static_cast<int>(left.count()));
+        // Woken by the end of the service, else the log is read again soon.
+        struct pollfd pfd = {m_pidfd, POLLIN, 0};
+        poll(&pfd, 1, static_cast<int>(std::min<long long>(left.count(), 50)));
     }
-}
-
-namespace {
-
-// The texts the service sends to its supervisor.
-std::string ReadinessOf(const std::string &name, pid_t pid)
-{
-    return "READY=1\nsd_notify READY Proc : " + name + "(" + std::to_string(pid) + ")";
-}
-
-std::string WatchdogOf(pid_t pid)
-{
-    return "WATCHDOG=1\nsd_notify WATCHDOG Proc : lumora(" + std::to_string(pid) + ")";
-}
-
-} // namespace
-
-Supervision Judge(const std::vector<NotifySocket::Message> &messages, pid_t pid, Supervisor::Clock::time_point start,
-                  Supervisor::Clock::time_point end)
-{
-    using std::chrono::duration_cast;
-    using std::chrono::milliseconds;
-    Supervision out;
-    auto gap = [&](Supervisor::Clock::time_point from, Supervisor::Clock::time_point to) {
-        out.longestGap = std::max(out.longestGap, duration_cast<milliseconds>(to - from));
-    };
-    if (messages.empty() || messages[0].text != ReadinessOf("RAApp", pid))
-        out.problems.push_back("the first message is not the timer thread's readiness \"" + ReadinessOf("RAApp", pid) +
-                               "\"");
-    int nReady = 0;
-    Supervisor::Clock::time_point last = start;
-    for (size_t i = messages.empty() ? 0 : 1; i < messages.size(); ++i) {
-        const NotifySocket::Message &m = messages[i];
-        if (m.text == "READY=1")
-            continue;
-        if (m.text == ReadinessOf("lumora", pid)) {
-            if (++nReady > 1)
-                out.problems.push_back("a second readiness message of the service");
-            if (out.nWatchdogs > 0)
-                out.problems.push_back("the service's readiness came after a watchdog message");
-            continue;
-        }
-        if (m.text != WatchdogOf(pid)) {
-            out.problems.push_back("unexpected message: \"" + m.text + "\"");
-            continue;
-        }
-        if (out.nWatchdogs == 0 && nReady == 0)
-            out.problems.push_back("the first watchdog message came without the service's readiness");
-        ++out.nWatchdogs;
-        gap(last, m.when);
-        last = m.when;
-    }
-    gap(last, end);
-    return out;
 }
 
 void ExpectSupervised(const Supervision &seen, int nMinWatchdogs)

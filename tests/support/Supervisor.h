@@ -3,7 +3,7 @@
 // execs it) or the binary itself, with its log and drawings in a file, and
 // records every readiness and watchdog message with its arrival time, so that
 // the gaps are measured while a test drives it. It watches the child through
-// a pidfd and reads the log on from where it stopped, woken by inotify.
+// a pidfd and reads the log on from where it stopped.
 #pragma once
 
 #include <chrono>
@@ -72,8 +72,7 @@ private:
 
     NotifySocket m_socket;
     std::string m_strLogPath;
-    int m_logFd = -1;   // read on from its offset
-    int m_inotify = -1; // a modification of the log
+    int m_logFd = -1; // read on from its offset
     std::string m_strLog;
     int m_pidfd = -1;
     pid_t m_pid = -1; // -1 once reaped
@@ -81,13 +80,6 @@ private:
     int m_nStatus = -1;
     Clock::time_point m_started;
 };
-
-// The timer thread's readiness ("RAApp") comes first; the service's own
-// ("lumora") once, right before the first watchdog message; every other
-// message is a watchdog message, but for the plain "READY=1" that Ecore sends
-// when its main loop begins.
-Supervision Judge(const std::vector<NotifySocket::Message> &messages, pid_t pid, Supervisor::Clock::time_point start,
-                  Supervisor::Clock::time_point end);
 
 // A run systemd would have been content with: no problem, at least
 // nMinWatchdogs watchdog messages, never more than the 6 s period and a

@@ -7,10 +7,10 @@ namespace noti = tvhost::notifications;
 
 namespace {
 
-noti::Record Item(int id, int nButtons, const char *app = "org.kelvar.lumora")
+noti::Record Item(int id, int nButtons)
 {
     noti::Record r;
-    r.appId = app;
+    r.appId = "org.kelvar.lumora";
     r.itemId = id;
     r.buttonCount = nButtons;
     return r;
@@ -18,17 +18,21 @@ noti::Record Item(int id, int nButtons, const char *app = "org.kelvar.lumora")
 
 } // namespace
 
-TEST(NotificationScreen, WideTextLongLinesAndManyButtonsWrapInsideOneBox)
+// Wide characters take two columns, control bytes become blanks and a broken
+// sequence a '?', a missing app id too; long lines and many buttons wrap inside the one box.
+TEST(NotificationScreen, HostileTextIsDrawnInsideOneBox)
 {
-    noti::Record r = Item(7, 3);
-    r.title = "洗濯機 Washer"; // two columns a character
+    noti::Record r;
+    r.itemId = 7;
+    r.buttonCount = 3;
+    r.title = std::string("洗濯機\tWasher\x01 bad\xff end");
     r.body = "The wash is done.\nTake it out before it wrinkles, please, it has been sitting there for a very long "
              "while now";
     r.buttonLabel = {std::string("Close"), std::string("Go to Lumora now please"),
                      std::string("Later on tonight, after dinner")};
     EXPECT_EQ("\n" + noti::Render(r), R"(
-┌─ org.kelvar.lumora #7 ───────────────────────────────────────────┐
-│ 洗濯機 Washer                                                    │
+┌─ ? #7 ───────────────────────────────────────────────────────────┐
+│ 洗濯機 Washer bad? end                                           │
 ├──────────────────────────────────────────────────────────────────┤
 │ The wash is done.                                                │
 │ Take it out before it wrinkles, please, it has been sitting      │
@@ -37,20 +41,6 @@ TEST(NotificationScreen, WideTextLongLinesAndManyButtonsWrapInsideOneBox)
 │ [ Close ]  [ Go to Lumora now please ]                           │
 │ [ Later on tonight, after dinner ]                               │
 └──────────────────────────────────────────────────────────────────┘
-)");
-
-    // Control bytes become blanks and a broken sequence a '?'; no app id is '?'.
-    noti::Record odd;
-    odd.itemId = 3;
-    odd.title = std::string("tab\there\x01 bad\xff end");
-    odd.subText = "sub";
-    EXPECT_EQ("\n" + noti::Render(odd), R"(
-┌─ ? #3 ───────────────────────────────┐
-│ tab here bad? end                    │
-├──────────────────────────────────────┤
-│                                      │
-│ sub                                  │
-└──────────────────────────────────────┘
 )");
 }
 
@@ -63,7 +53,7 @@ TEST(NotificationScreen, OneNotificationAnItemAndOnlyItsOwnAppTakesItDown)
     screen.Show(Item(2, 2));
     screen.Show(Item(2, 3)); // posted again: replaces
     EXPECT_EQ(noti::OnScreenText(screen.Records()), "3 on screen: #1, #2, #3");
-    struct {
+    const struct {
         int item;
         bool bButton;
         int button;
@@ -78,7 +68,6 @@ TEST(NotificationScreen, OneNotificationAnItemAndOnlyItsOwnAppTakesItDown)
     };
     for (const auto &c : cases)
         EXPECT_EQ(screen.CannotDeliver(c.item, c.bButton, c.button), c.why) << c.item << "/" << c.button;
-
     EXPECT_FALSE(screen.Close("another.app", 1));
     EXPECT_TRUE(screen.Close("org.kelvar.lumora", 1));
     EXPECT_FALSE(screen.Close("org.kelvar.lumora", 1));
