@@ -38,10 +38,12 @@ struct Table {
     }
 };
 
+// Never destroyed: platform calls from the notification service's thread
+// may still come while the process exits.
 Table &T()
 {
-    static Table table;
-    return table;
+    static Table *pTable = new Table;
+    return *pTable;
 }
 
 detail::ResetHook g_reset([] { Reset(); });
