@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <stdexcept>
 #include <poll.h>
+#include <sys/inotify.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -25,8 +26,9 @@ Supervisor::Supervisor()
     close(fd);
     m_strLogPath = tmpl;
     m_logFd = open(tmpl, O_RDONLY | O_CLOEXEC);
-    if (m_logFd < 0)
-        throw std::runtime_error("cannot read the log");
+    m_inotify = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    if (m_logFd < 0 || m_inotify < 0 || inotify_add_watch(m_inotify, tmpl, IN_MODIFY) < 0)
+        throw std::runtime_error("cannot watch the log");
 }
 
 Supervisor::~Supervisor()
@@ -37,6 +39,7 @@ Supervisor::~Supervisor()
     }
     if (m_pidfd >= 0)
         close(m_pidfd);
+    close(m_inotify);
     close(m_logFd);
     unlink(m_strLogPath.c_str());
 }
@@ -262,6 +265,10 @@ bool Supervisor::WaitForLog(const std::string &text, std::chrono::milliseconds t
     int n = 0;
     size_t scanned = 0; // the text found so far is not searched again
     for (;;) {
+        // The inotify queue is drained before the read, so a write after the
+        // read leaves an event behind and wakes the poll below.
+        char events[4096];
+        while (read(m_inotify, events, sizeof events) > 0) {}
         const bool bEnded = !Running(); // what an ended service wrote is all there is
         ReadLog();
         for (size_t at; (at = m_strLog.find(text, scanned)) != std::string::npos; ++n)
@@ -273,9 +280,9 @@ bool Supervisor::WaitForLog(const std::string &text, std::chrono::milliseconds t
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now());
         if (bEnded || left.count() <= 0)
             return false;
-        // Woken by the end of the service, else the log is read again soon.
-        struct pollfd pfd = {m_pidfd, POLLIN, 0};
-        poll(&pfd, 1, static_cast<int>(std::min<long long>(left.count(), 50)));
+        // Woken by a write to the log or by the end of the service.
+        struct pollfd pfd[2] = {{m_inotify, POLLIN, 0}, {m_pidfd, POLLIN, 0}};
+        poll(pfd, 2, static_cast<int>(left.count()));
     }
 }
 
