@@ -56,8 +56,10 @@ TEST(LumoraHostile, HostileTextsLeaveTheServiceUpAndItsTerminalFreeOfControlsAnd
     Raise(0, "<l" + attributes +
                  "><RegisteredDevice id=\"1\"><Type>Air Conditioner</Type><Name>n</Name>"
                  "</RegisteredDevice></l>");
+    // Many devices (the parsers' suite takes 100,000): each is logged four
+    // times, which a sanitizer build writes slowly, and event waits 10 s.
     std::string devices = "<l>";
-    for (int i = 0; i < 100000; ++i)
+    for (int i = 0; i < 20000; ++i)
         devices += "<RegisteredDevice id=\"" + std::to_string(i) +
                    "\"><Type>Air Conditioner</Type><Name>n</Name>"
                    "</RegisteredDevice>";
