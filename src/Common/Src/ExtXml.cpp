@@ -38,6 +38,10 @@ const char *After(const char *p, const char *pEnd, const char *pWord)
 // unterminated one ends the text for libxml2 as well.
 bool HasCrowdedStartTag(const char *p, const char *pEnd, size_t nMax)
 {
+    // Every attribute takes an '=': a text with no more of them than the limit
+    // in all has no crowded tag, and an engine's event text is such a text.
+    if (static_cast<size_t>(std::count(p, pEnd, '=')) <= nMax)
+        return false;
     while (p < pEnd) {
         p = static_cast<const char *>(std::memchr(p, '<', static_cast<size_t>(pEnd - p)));
         if (p == nullptr)
