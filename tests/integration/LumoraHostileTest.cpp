@@ -6,21 +6,13 @@
 
 #include <string>
 
+#include "HostileTexts.h"
 #include "LumoraTv.h"
 #include "Supervisor.h"
 
 using namespace std::chrono_literals;
 
 namespace {
-
-std::string Repeat(const std::string &s, size_t n)
-{
-    std::string out;
-    out.reserve(s.size() * n);
-    for (size_t i = 0; i < n; ++i)
-        out += s;
-    return out;
-}
 
 void Raise(int nEvent, const std::string &text)
 {

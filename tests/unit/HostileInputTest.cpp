@@ -11,6 +11,7 @@
 
 #include <libxml/xmlerror.h>
 
+#include "HostileTexts.h"
 #include "LogCapture.h"
 #include "LumoraParameter.h"
 #include "ManagerFixture.h"
@@ -68,14 +69,6 @@ const Parser kParsers[] = {
          return keys.empty() ? Read(b, "", "") : Read(b, keys[0].id, keys[0].key);
      }},
 };
-
-std::string Repeat(const std::string &s, size_t n)
-{
-    std::string out;
-    for (size_t i = 0; i < n; ++i)
-        out += s;
-    return out;
-}
 
 } // namespace
 

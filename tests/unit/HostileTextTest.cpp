@@ -8,6 +8,7 @@
 #include <string>
 #include <unistd.h>
 
+#include "HostileTexts.h"
 #include "LogCapture.h"
 #include "LumoraParameter.h"
 #include "ManagerFixture.h"
@@ -16,15 +17,6 @@
 using Peer = LumoraManagerTestPeer;
 
 namespace {
-
-std::string Repeat(const std::string &s, size_t n)
-{
-    std::string out;
-    out.reserve(s.size() * n);
-    for (size_t i = 0; i < n; ++i)
-        out += s;
-    return out;
-}
 
 std::string Attributes(size_t n)
 {
