@@ -59,6 +59,11 @@ const Command kCommands[] = {
      Run},
     {kService, "stop", "stop", 0, 0,
      "end the running service (SIGTERM) and wait for it; its watchdog timer may take up to 6 s", Stop},
+    {kService, "logs", "logs [-f] [--level L] [-n N]", 0, kAny,
+     "the log of the service that lumora-tv run started last, with times: MM-DD hh:mm:ss.mmm L TAG: text. --level L "
+     "keeps level L and above (V D I W E F, or verbose, debug, info, warn, error, fatal), -n N the last N records, "
+     "-f follows it as it grows, and the next run's, until Ctrl-C",
+     Logs},
     {kService, "status", "status [--json]", 0, 1,
      "the service, the engine, the widget, network, language, power; exit status 3 when no service runs", Status},
     {kService, "reset", "reset", 0, 0,
