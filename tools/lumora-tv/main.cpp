@@ -55,7 +55,8 @@ const char kTool[] = "This tool";
 const Command kCommands[] = {
     {kService, "run", "run [--scenario NAME]", 0, kAny,
      "prepare the host TV and run the service in the foreground, with the engine playing scenario NAME (quiet "
-     "without one; the scenarios are below). One service per host TV. Ctrl-C or lumora-tv stop ends it",
+     "without one; the scenarios are below). One service per host TV. Ctrl-C (exit status 130) or lumora-tv stop "
+     "ends it; a service that ends by itself gives its own status",
      Run},
     {kService, "stop", "stop", 0, 0,
      "end the running service (SIGTERM) and wait for it; its watchdog timer may take up to 6 s", Stop},
