@@ -15,8 +15,6 @@ public:
     NotifySocket();
     ~NotifySocket();
 
-    const std::string &Path() const { return m_strPath; }
-
     struct Message {
         std::string text;
         std::chrono::steady_clock::time_point when;

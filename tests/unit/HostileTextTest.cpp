@@ -3,10 +3,8 @@
 // takes them as plain data, and the host TV shows nothing of them raw.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <functional>
 #include <string>
-#include <unistd.h>
 
 #include "HostileTexts.h"
 #include "LogCapture.h"
@@ -49,21 +47,6 @@ const Parser kParsers[] = {
     {"command catalogue", "<n", "><Command><SubCommandList><SubCommand type=\"t\" service=\"s\">",
      "</SubCommand></SubCommandList></Command></n>", Peer::ParseCommands},
 };
-
-// Every line a terminal would get: no control byte but the line feed, no C1
-// or bidirectional control, and no line of a record that reads as a record.
-void ExpectSafeForTerminal(const std::string &out, const std::string &what)
-{
-    for (size_t i = 0; i < out.size(); ++i) {
-        const unsigned char c = static_cast<unsigned char>(out[i]);
-        ASSERT_FALSE((c < 0x20 && c != '\n') || c == 0x7F) << what << ": byte " << int(c) << " at " << i;
-        const std::string next = out.substr(i, 3);
-        ASSERT_FALSE(c == 0xC2 && next.size() > 1 && static_cast<unsigned char>(next[1]) <= 0x9F)
-            << what << " at " << i;
-        ASSERT_TRUE(next != "\u202e" && next != "\u2066") << what << " at " << i;
-    }
-    EXPECT_EQ(out.find("\nD/FORGED"), std::string::npos) << what;
-}
 
 } // namespace
 
@@ -112,49 +95,17 @@ TEST(HostileText, ALongRegisteredListKeepsEachIdOnceInOrderOfFirstReport)
     CRegisteredDeviceList list;
     ASSERT_TRUE(list.Parse((doc + "</n>").c_str(), ""));
     ASSERT_EQ(list.m_vecDevice.size(), 60000u);
-    for (size_t i : {0u, 39999u, 40000u, 59999u}) {
-        const auto &item = list.m_vecDevice[i];
-        EXPECT_EQ(item.strID, std::to_string(i));
-        EXPECT_EQ(item.strCtrlName, "n" + std::to_string(i < 40000 ? i + 60000 : i)) << i;
-        EXPECT_EQ(item.status, i < 40000 ? "Disconnected" : "Connected") << i;
-        EXPECT_TRUE(item.bConnected) << i;
-    }
+    // What a repeat keeps of each field is the parsers' suite's.
+    for (size_t i : {0u, 39999u, 40000u, 59999u})
+        EXPECT_EQ(list.m_vecDevice[i].strID + "|" + list.m_vecDevice[i].strCtrlName,
+                  std::to_string(i) + "|n" + std::to_string(i < 40000 ? i + 60000 : i));
 }
 
-TEST(HostileText, TheHostTerminalGetsControlsEscapedAndEveryLineOfARecordMarked)
+// What the log echo makes of these controls is LumoraHostileTest's, through the real binary.
+TEST(HostileText, APopUpDrawsNoControlAndBoundsAnyText)
 {
     const std::string name =
         "a\x1b]52;c;Zm9v\x07\x1b[2J\x7f\xc2\x9b\xc2\x9d\xe2\x80\xae\xe2\x81\xa6\xff\nD/FORGED( 1): x";
-    LogCapture log;
-    tvhost::log::SetEcho(true);
-    std::fflush(stderr);
-    const int saved = dup(STDERR_FILENO);
-    FILE *pOut = std::tmpfile();
-    ASSERT_NE(pOut, nullptr);
-    dup2(fileno(pOut), STDERR_FILENO);
-    const std::string doc = "<n><RegisteredDevice id=\"1\"><Type>Air Conditioner</Type><Name>" + name + "</Name>";
-    CRegisteredDeviceList().Parse(doc.c_str(), ""); // logged whole, and libxml2 reports the ESC
-    // libxml2 quotes the line where it stops: at an ESC, and at a line that looks like a record.
-    CDeviceNotification().Parse(("<n id=\"1\">" + name).c_str(), "");
-    CDeviceNotification().Parse("<n>\nD/FORGED( 1): y<", "");
-    std::fflush(stderr);
-    dup2(saved, STDERR_FILENO);
-    close(saved);
-    tvhost::log::SetEcho(false);
-    std::string out(static_cast<size_t>(std::ftell(pOut)), '\0');
-    std::rewind(pOut);
-    ASSERT_EQ(std::fread(&out[0], 1, out.size(), pOut), out.size());
-    std::fclose(pOut);
-
-    ExpectSafeForTerminal(out, "log");
-    EXPECT_NE(out.find("a\\x1b]52;c;Zm9v\\x07\\x1b[2J\\x7f\\u009b\\u009d\\u202e\\u2066\\xff\n    | D/FORGED( 1): x"),
-              std::string::npos)
-        << out;
-    EXPECT_NE(out.find("parser error"), std::string::npos) << "libxml2's report reaches the terminal";
-    EXPECT_EQ(log.Count("[CRegisteredDeviceList::Parse test2--------]strParam1 = " + doc + " \n\t"), 1)
-        << "the captured record keeps the text";
-
-    // The pop-up: the same controls are not drawn, and any text fits a bounded box.
     tvhost::notifications::Record r;
     r.appId = std::string(1000, 'p') + name;
     r.title = name;
@@ -163,7 +114,15 @@ TEST(HostileText, TheHostTerminalGetsControlsEscapedAndEveryLineOfARecordMarked)
     r.buttonCount = 1;
     r.buttonLabel[0] = name + std::string(500, 'b');
     const std::string box = tvhost::notifications::Render(r);
-    ExpectSafeForTerminal(box, "pop-up");
+    // No control byte but the line feed, no C1 or bidirectional control, no line that reads as a record.
+    for (size_t i = 0; i < box.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(box[i]);
+        ASSERT_FALSE((c < 0x20 && c != '\n') || c == 0x7F) << "byte " << int(c) << " at " << i;
+        const std::string next = box.substr(i, 3);
+        ASSERT_FALSE(c == 0xC2 && next.size() > 1 && static_cast<unsigned char>(next[1]) <= 0x9F) << i;
+        ASSERT_TRUE(next != "\u202e" && next != "\u2066") << i;
+    }
+    EXPECT_EQ(box.find("\nD/FORGED"), std::string::npos);
     size_t nLines = 0, nColumns = 0;
     for (size_t at = 0, end; at < box.size(); at = end + 1, ++nLines) {
         end = box.find('\n', at);

@@ -35,11 +35,6 @@ public:
     static std::string &DeviceID(CLumoraWidgetHelper &h) { return h.m_strDeviceID; }
 };
 
-class CLumoraWidgetCheckerTestPeer {
-public:
-    static bool Installed(const CLumoraWidgetChecker &c) { return c.m_bWidgetInstalled; }
-};
-
 namespace {
 
 constexpr int kDebug = 3;
@@ -72,10 +67,6 @@ struct ToolPath {
     const std::string dir = fs::temp_directory_path() / ("lumora-tools-" + std::to_string(getpid()));
 };
 
-} // namespace
-
-namespace {
-
 class DataFolderHelper : public ::testing::Test {
 protected:
     void SetUp() override
@@ -103,6 +94,7 @@ protected:
 
 } // namespace
 
+// A later run leaves the folder alone but copies a missing file.
 TEST_F(DataFolderHelper, FirstRunPreparesTheFolder)
 {
     ToolPath tools("none");
@@ -112,12 +104,6 @@ TEST_F(DataFolderHelper, FirstRunPreparesTheFolder)
     EXPECT_EQ(ReadFile(data + "/mode.xml"), ReadFile(shipped));
     EXPECT_EQ(fs::status(data + "/mode.xml").permissions(), fs::perms::all);
     EXPECT_THAT(ReadFile(labels), HasSubstr(fs::canonical(data).string() + "\torg.kelvar.lumora\torg.kelvar.lumora\n"));
-}
-
-TEST_F(DataFolderHelper, LaterRunsLeaveItAloneButCopyAMissingFile)
-{
-    ToolPath tools("none");
-    ASSERT_TRUE(CDataFolderHelper().CreateDataFolder());
     log.Clear();
     EXPECT_TRUE(CDataFolderHelper().CreateDataFolder());
     EXPECT_EQ(log.Messages(),
@@ -195,19 +181,16 @@ TEST_F(WidgetHelper, InstalledRetriesOnlyWhileTheServiceIsBusy)
     EXPECT_EQ(tvhost::faults::Calls("was_get_app_info"), 2);
 }
 
-TEST_F(WidgetHelper, LaunchedReadsTheStatus)
+// Three failed status calls are final; a fourth, successful answer is never
+// asked for. A failed call that nevertheless set the status word ends the retries.
+TEST_F(WidgetHelper, LaunchedReadsTheStatusAndRetriesAFailedStatusCallTwice)
 {
     EXPECT_TRUE(helper.IsWidgetLaunched(kWidget));
     EXPECT_EQ(log.PriorityOf("=====The widget PzKmRvTqXa.Lumora has been launched !=====\n"), kDebug);
     tvhost::apps::SetRunning(kWidget, false);
     EXPECT_FALSE(helper.IsWidgetLaunched(kWidget));
     EXPECT_TRUE(log.Has("=====The widget PzKmRvTqXa.Lumora has not been launched !=====\n"));
-}
-
-// Three failed status calls are final; a fourth, successful answer is never
-// asked for. A failed call that nevertheless set the status word ends the retries.
-TEST_F(WidgetHelper, LaunchedRetriesAFailedStatusCallTwice)
-{
+    tvhost::Reset();
     tvhost::faults::Queue("was_get_app_status", {-1, 0}, 3);
     tvhost::faults::Queue("was_get_app_status", {0, 1});
     EXPECT_FALSE(helper.IsWidgetLaunched(kWidget));
@@ -235,7 +218,8 @@ TEST_F(WidgetHelper, LaunchSendsTheDeviceEvenToARunningWidget)
 }
 
 // Only logged; the handle is released all the same and the device stored.
-TEST_F(WidgetHelper, ARefusedLaunchOrHandleIsOnlyLogged)
+// Nothing is sent to a widget not installed, and the last device is kept.
+TEST_F(WidgetHelper, ARefusedLaunchOrHandleIsOnlyLoggedAndAMissingWidgetGetsNothing)
 {
     for (const char *fn : {"app_control_send_launch_request", "app_control_create"}) {
         SCOPED_TRACE(fn);
@@ -247,17 +231,12 @@ TEST_F(WidgetHelper, ARefusedLaunchOrHandleIsOnlyLogged)
         EXPECT_EQ(tvhost::faults::Calls("app_control_destroy"), 1);
         EXPECT_EQ(CLumoraWidgetHelperTestPeer::DeviceID(helper), "dev-7");
     }
-}
-
-TEST_F(WidgetHelper, NothingIsSentToAWidgetNotInstalled)
-{
-    helper.LaunchWidget(kWidget, "dev-7");
     tvhost::Reset();
     tvhost::apps::SetInstalled(kWidget, false);
     helper.LaunchWidget(kWidget, "dev-9");
     EXPECT_EQ(log.PriorityOf("=====The widget PzKmRvTqXa.Lumora has not been installed ====="), kError);
     EXPECT_EQ(tvhost::faults::Calls("app_control_create"), 0);
-    EXPECT_EQ(CLumoraWidgetHelperTestPeer::DeviceID(helper), "dev-7") << "the last device is kept";
+    EXPECT_EQ(CLumoraWidgetHelperTestPeer::DeviceID(helper), "dev-7");
 }
 
 namespace {
@@ -271,7 +250,6 @@ protected:
         g_reports.clear();
         checker = std::make_unique<CLumoraWidgetChecker>();
     }
-    bool Installed() const { return CLumoraWidgetCheckerTestPeer::Installed(*checker); }
     LogCapture log;
     std::unique_ptr<CLumoraWidgetChecker> checker;
 };
@@ -286,14 +264,12 @@ TEST_F(WidgetChecker, AStringChangeIsDeliveredButNotChecked)
     ASSERT_TRUE(log.Has("The keyName is [memory/was/app_change]")) << "the change was delivered";
     EXPECT_EQ(tvhost::faults::Calls("was_get_app_info"), 0);
     EXPECT_EQ(tvhost::faults::Calls("vconf_get_int"), 0);
-    EXPECT_FALSE(Installed());
 }
 
 // A change before the handler is set updates the state silently.
 TEST_F(WidgetChecker, AnIntegerChangeChecksTheWidget)
 {
     tvhost::settings::SetInt(kAppChange, 41);
-    EXPECT_TRUE(Installed());
     EXPECT_THAT(log.Messages(),
                 ElementsAre("===== CLumoraWidgetChecker in m_CbWasAppChanged function 1 =====",
                             "===== CLumoraWidgetChecker in m_CbWasAppChanged function 2 =====",
@@ -304,7 +280,7 @@ TEST_F(WidgetChecker, AnIntegerChangeChecksTheWidget)
                             "===== CLumoraWidgetChecker in loop function 2 ====="));
 }
 
-TEST_F(WidgetChecker, TheHandlerHearsOnlyChangesOfTheState)
+TEST_F(WidgetChecker, TheHandlerHearsOnlyChangesOfTheStateReadOrNot)
 {
     tvhost::settings::SetInt(kAppChange, 41);
     log.Clear();
@@ -312,22 +288,15 @@ TEST_F(WidgetChecker, TheHandlerHearsOnlyChangesOfTheState)
     EXPECT_TRUE(g_reports.empty());
     EXPECT_EQ(log.Messages().back(), "===== CLumoraWidgetChecker in SetWidgetInstalledCB function =====");
     EXPECT_EQ(log.Messages().size(), 5u) << "checked again at once";
-    tvhost::apps::SetInstalled(kWidget, false); // bumps the key
-    tvhost::settings::SetInt(kAppChange, 42);
-    EXPECT_THAT(g_reports, ElementsAre(false));
-}
-
-// The value of the key means nothing.
-TEST_F(WidgetChecker, AFailedReadStillChecks)
-{
-    tvhost::settings::SetInt(kAppChange, 41);
-    checker->SetWidgetInstalledCB(OnInstalled);
+    // The value of the key means nothing: a failed read still checks.
     log.Clear();
     tvhost::faults::Queue("vconf_get_int", -1);
-    tvhost::apps::SetInstalled(kWidget, false);
+    tvhost::apps::SetInstalled(kWidget, false); // bumps the key
     EXPECT_THAT(g_reports, ElementsAre(false));
     EXPECT_TRUE(log.Has("===== CLumoraWidgetChecker in loop function 2 ====="));
     EXPECT_TRUE(tvhost::log::Find("Get the app change value success").empty());
+    tvhost::settings::SetInt(kAppChange, 42);
+    EXPECT_THAT(g_reports, ElementsAre(false));
 }
 
 TEST(LumoraTvControl, PowerOffAsksForKindThreeAndReportsWhetherItWasAccepted)

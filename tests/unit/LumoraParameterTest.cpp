@@ -117,11 +117,13 @@ TEST(CDeviceNotification, AMissingPieceStopsReadingYetAPartialRecordStillParses)
          {"action_name=[]", "can not find DisplayOption Element"},
          false},
         // An empty Action still logs its (empty) name; only exactly "On" sets the flag; widget link and
-        // period are never read; texts are untrimmed, with the text of child elements and entities resolved.
-        {"<n id=\"1\" bWidgetLink=\"true\"><Device id=\"d\"> a<b>b</b> </Device><Notification>\n x&amp;y\n"
-         "</Notification><Action/><DisplayOption widgetLink=\"true\" period=\"5\" flag=\"on\"/></n>",
+        // period are never read; texts are untrimmed and read whole across child elements, comments, CDATA
+        // and references, as libxml2's getters give them.
+        {"<n id=\"1&amp;2\" bWidgetLink=\"true\"><Device id=\"d\" type=\"W&#x41;\"> a<b>b</b><!--c--> </Device>"
+         "<Notification>\n x&amp;y<![CDATA[<]]>\n</Notification><Action/>"
+         "<DisplayOption widgetLink=\"true\" period=\"5\" flag=\"on\"/></n>",
          true,
-         "d|| ab |1||\n x&y\n|0||0|0",
+         "d|WA| ab |1&2||\n x&y<\n|0||0|0",
          {"action_name=[]", "flag=[on]"},
          true},
     };
@@ -283,16 +285,4 @@ TEST(CDeviceNotification, ReparseDecidesTheFlagAnewAndKeepsTheIdWhenNoneIsGiven)
     EXPECT_TRUE(n.ParseDeviceNotification(noId.c_str(), static_cast<int>(noId.size())));
     EXPECT_EQ(log.Messages(), Strings{"pDeviceNotification id is empty"});
     EXPECT_EQ(Fields(n.m_Data), "|||8|||0||0|0");
-}
-
-// Texts split across nodes (a comment, a child element, a CDATA section,
-// character references) read whole, as libxml2's getters give them.
-TEST(CDeviceNotification, TextsSplitAcrossNodesReadWhole)
-{
-    CDeviceNotification n;
-    const char *doc = "<n id=\"a&amp;b\" type=\"\"><Device id=\"d\" type=\"W&#x41;\">Lau<!--c-->ndry</Device>"
-                      "<Notification>Do<b>n</b><![CDATA[e<]]></Notification><Action/>"
-                      "<DisplayOption flag=\"On\" condition=\"x\"/></n>";
-    ASSERT_TRUE(n.Parse(doc, nullptr));
-    EXPECT_EQ(Fields(n.m_Data), "d|WA|Laundry|a&b||Done<|0|x|1|0");
 }

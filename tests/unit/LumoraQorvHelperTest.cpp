@@ -42,10 +42,6 @@ Texts Lines(LogCapture &log)
     return out;
 }
 
-} // namespace
-
-namespace {
-
 // A binding over the simulated engine, with the log since the last Lines().
 class LumoraQorvHelper : public ::testing::Test {
 protected:
@@ -76,29 +72,29 @@ TEST_F(LumoraQorvHelper, NothingReachesAStoppedEngine)
     EXPECT_EQ(sim.Emit(5, "<x/>", ""), -2) << "the engine never got a callback";
 }
 
-TEST_F(LumoraQorvHelper, TheEngineStartsOnce)
+// Each reaches the engine once; a second start or stop is only logged.
+TEST_F(LumoraQorvHelper, StartRegisterRefreshAndStopReachTheEngineOnce)
 {
     EXPECT_EQ(helper->StartQorv(), 1);
     EXPECT_EQ(helper->StartQorv(), 1);
-    EXPECT_THAT(Lines(log),
-                ElementsAre("3 CLumoraQorvHelper Begin to start qorv!", "3 CLumoraQorvHelper start qorv success!",
-                            "3 CLumoraQorvHelper Lumora Helper has been started already!"));
-    EXPECT_EQ(sim.Calls("qorv_start"), 1);
-}
-
-TEST_F(LumoraQorvHelper, ANullCallbackIsRefused)
-{
-    ASSERT_EQ(helper->StartQorv(), 1);
-    Lines(log);
     EXPECT_EQ(helper->SetCallback(nullptr), 0);
     EXPECT_EQ(helper->SetCallback(&rec), 1);
-    EXPECT_EQ(sim.Calls("qorv_register_callback"), 1);
+    EXPECT_EQ(helper->RefreshQorv(), 1);
+    EXPECT_EQ(helper->StopQorv(), 1);
+    EXPECT_EQ(helper->StopQorv(), 1);
     EXPECT_THAT(Lines(log),
-                ElementsAre("6 The pLUManagerInst is invalid!", "3 CLumoraQorvHelper Begin to register callback!",
-                            "3 CLumoraQorvHelper register callback success!"));
+                ElementsAre("3 CLumoraQorvHelper Begin to start qorv!", "3 CLumoraQorvHelper start qorv success!",
+                            "3 CLumoraQorvHelper Lumora Helper has been started already!",
+                            "6 The pLUManagerInst is invalid!", "3 CLumoraQorvHelper Begin to register callback!",
+                            "3 CLumoraQorvHelper register callback success!",
+                            "3 CLumoraQorvHelper Begin to refresh qorv!", "3 CLumoraQorvHelper Refresh qorv success!",
+                            "3 CLumoraQorvHelper Begin to stop qorv!", "3 CLumoraQorvHelper Stop qorv success!",
+                            "3" + kNotStarted));
+    for (const char *entry : {"qorv_start", "qorv_register_callback", "qorv_refresh", "qorv_stop"})
+        EXPECT_EQ(sim.Calls(entry), 1) << entry;
 }
 
-TEST_F(LumoraQorvHelper, EventsReachTheObjectAndItsAnswerTheEngine)
+TEST_F(LumoraQorvHelper, EventsReachTheObjectWhileTheBindingLivesAndItsAnswerTheEngine)
 {
     Start();
     EXPECT_EQ(sim.Emit(5, "<n id='1'/>", "second"), 42);
@@ -108,6 +104,11 @@ TEST_F(LumoraQorvHelper, EventsReachTheObjectAndItsAnswerTheEngine)
     EXPECT_EQ(CLumoraQorvHelper::m_OnQorvEvent(1, "a", nullptr), -1);
     EXPECT_EQ(Lines(log), Texts(2, "6 The param1 or param2 is invalid !"));
     EXPECT_THAT(rec.events, ElementsAre("5|<n id='1'/>|second", "12291||"));
+    // The engine may still call once the binding is gone.
+    helper.reset();
+    Lines(log);
+    EXPECT_EQ(sim.Emit(1, "a", "b"), -1);
+    EXPECT_THAT(Lines(log), ElementsAre("6 The m_pQorvHelperCallback is invalid!"));
 }
 
 // The third and fourth parameters reach the engine but never the log.
@@ -120,30 +121,6 @@ TEST_F(LumoraQorvHelper, ExecuteLogsTheCommandTwoParametersAndTheResult)
                                         "3 CLumoraQorvHelper Begin to Execute strParam1 = ko_KR!",
                                         "3 CLumoraQorvHelper Begin to Execute strParam2 = p2!",
                                         "3 CLumoraQorvHelper Begin to Execute strResult = OK!"));
-}
-
-TEST_F(LumoraQorvHelper, RefreshAndStopReachTheEngineOnce)
-{
-    Start();
-    EXPECT_EQ(helper->RefreshQorv(), 1);
-    EXPECT_EQ(helper->StopQorv(), 1);
-    EXPECT_EQ(helper->StopQorv(), 1);
-    EXPECT_THAT(Lines(log),
-                ElementsAre("3 CLumoraQorvHelper Begin to refresh qorv!", "3 CLumoraQorvHelper Refresh qorv success!",
-                            "3 CLumoraQorvHelper Begin to stop qorv!", "3 CLumoraQorvHelper Stop qorv success!",
-                            "3" + kNotStarted));
-    EXPECT_EQ(sim.Calls("qorv_refresh"), 1);
-    EXPECT_EQ(sim.Calls("qorv_stop"), 1);
-}
-
-// The engine may still call once the binding is gone.
-TEST_F(LumoraQorvHelper, TheObjectIsForgottenWithTheBinding)
-{
-    Start();
-    helper.reset();
-    Lines(log);
-    EXPECT_EQ(sim.Emit(1, "a", "b"), -1);
-    EXPECT_THAT(Lines(log), ElementsAre("6 The m_pQorvHelperCallback is invalid!"));
 }
 
 TEST(BrokenEngineLibrary, AMissingOneIsNamedAndNeverStarts)

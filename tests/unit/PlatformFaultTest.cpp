@@ -33,14 +33,6 @@ protected:
         ManagerTest::TearDown();
         LIB_QORV_HELPER_PATH = m_savedLibrary;
     }
-    // The old manager's subscriptions go with the singleton.
-    void NextManager()
-    {
-        Peer::TearDown();
-        sim->Reset();
-        tvhost::Reset();
-        log.Clear();
-    }
     const char *m_savedLibrary = LIB_QORV_HELPER_PATH;
     std::string m_strLibrary;
 };
@@ -129,7 +121,9 @@ TEST_F(PlatformFault, EnginesWithoutACallbackEntryOrRefusingTheCallbackOrARefres
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.variant);
-        NextManager();
+        Peer::TearDown(); // the old manager's subscriptions go with the singleton
+        tvhost::Reset();
+        log.Clear();
         m_strLibrary = EngineSim::Variant(c.variant); // loaded instead of the real engine
         LIB_QORV_HELPER_PATH = m_strLibrary.c_str();
         sim.reset(new EngineSim(m_strLibrary));
