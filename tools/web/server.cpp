@@ -300,8 +300,8 @@ struct Server::Impl {
         const std::string host = req.get_header_value("Host");
         if (!HostAllowed(host)) {
             ReplyError(res, 403,
-                       "refused: Host \"" + host + "\" is not this server's; open " +
-                           HostPort(options.listen.host, port));
+                       "refused: Host \"" + host + "\" is not this server's; open http://" +
+                           HostPort(options.listen.host, port) + "/");
             return httplib::Server::HandlerResponse::Handled;
         }
         // Browsers name the page that sent a request; only our own page may drive the TV.
