@@ -110,6 +110,8 @@ function setChoice(select, value) {
   if (document.activeElement !== select) select.value = value;
 }
 
+const shown = { popups: '', activity: '' };
+
 function render(state) {
   const s = state.status;
   if (!s || s.error) {
@@ -131,14 +133,18 @@ function render(state) {
   $('screen-off').hidden = !s.power.off;
   $('screen-empty').hidden = state.popups.length > 0 || s.power.off;
   $('screen-empty').textContent = s.service.running ? 'Nothing on screen' : 'No service runs on this host TV';
-  $('popups').replaceChildren(...state.popups.map(renderPopup));
-
-  $('activity').replaceChildren(
-    ...state.activity
-      .slice()
-      .reverse()
-      .map((a) => el('li', {}, [el('span', { class: 'time', text: a.time }), el('span', { text: activityText(a) })])),
-  );
+  // Rebuilt only when they changed, so that a button under the pointer stays put.
+  const popups = JSON.stringify(state.popups);
+  if (popups !== shown.popups) $('popups').replaceChildren(...state.popups.map(renderPopup));
+  const activity = JSON.stringify(state.activity);
+  if (activity !== shown.activity)
+    $('activity').replaceChildren(
+      ...state.activity
+        .slice()
+        .reverse()
+        .map((a) => el('li', {}, [el('span', { class: 'time', text: a.time }), el('span', { text: activityText(a) })])),
+    );
+  Object.assign(shown, { popups, activity });
 }
 
 // ---- the log ---------------------------------------------------------------
