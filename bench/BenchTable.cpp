@@ -85,7 +85,8 @@ int main(int argc, char **argv)
     }
 
     std::printf("\n[host TV only] The same events with tvhost doing the platform's work in-process (its\n"
-                "notification service copies every record; a TV's daemon does that elsewhere), log off and on\n");
+                "notification service keeps each record in one allocation, its web-app service asks the TV\n"
+                "root's files; a TV's daemons do that in their own processes), log off and on\n");
     std::printf("  %-26s %13s %9s %7s %17s %7s %12s\n", "event", "libxml2 alone", "log off", "ratio",
                 "log on (no echo)", "ratio", "in tvhost");
     for (const auto &e : events) {

@@ -1,15 +1,21 @@
 // lumora-tv as a newcomer uses it: each wrong use gets its message and exit
 // status, pop-ups leave the screen when answered, one service per host TV,
-// and what --json prints parses.
+// what --json prints parses, the service's log, and Ctrl-C on `run`.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cctype>
+#include <csignal>
+#include <filesystem>
 #include <map>
 #include <optional>
+#include <sstream>
+#include <sys/wait.h>
 
 #include "LumoraTv.h"
 #include "Supervisor.h"
 #include "tvhost/notifications.h"
+#include "tvhost/tvhost.h"
 
 using namespace std::chrono_literals;
 
@@ -128,9 +134,12 @@ protected:
 
 TEST_F(LumoraTvCli, WrongUsesAndAnswersWithoutAService)
 {
+    std::filesystem::remove(tvhost::Root() + "/opt/var/tvhost/service.log");
     Check({
+        {{"logs"}, 1, "no log yet: it appears once `lumora-tv run` starts the service"},
+        {{"logs", "--level", "loud"}, 2, "unknown level \"loud\" for --level; accepted: V D I W E F, or verbose"},
         {{"notificatons"}, 2, "unknown command \"notificatons\"; did you mean notifications?"},
-        {{"bogus"}, 2, "unknown command \"bogus\"; see: lumora-tv help"},
+        {{"xyzzy"}, 2, "unknown command \"xyzzy\"; see: lumora-tv help"},
         {{"press", "--help"}, 0, "usage: lumora-tv press ITEM BUTTON", true},
         {{"--version"}, 0, "lumora-tv ", true},
         {{"set", "db/menu_widget/language", "ko_KR"}, 1, "\"ko_KR\" is not a value of db/menu_widget/language"},
@@ -177,4 +186,41 @@ TEST_F(LumoraTvCli, OneServiceItsPopupsLeaveTheScreenWhenAnsweredAndItsStateAsJs
         {{"power"}, 3, "off: the TV was switched off", true},
     });
     ExpectSupervised(tv.Ended(30s));
+}
+
+TEST_F(LumoraTvCli, LogsShowWhatTheServiceWroteAndCtrlCOnRunStopsIt)
+{
+    Supervisor tv;
+    tv.Start({});
+    ASSERT_TRUE(tv.WaitForLog(">Success to start qorv!", 20s)) << tv.Log();
+    ASSERT_NE(tv.Pid(), tv.RunPid()) << "run waits for the service as its child";
+
+    // A D record of the service's start, with its time, in every filter that keeps D.
+    const std::string enter = " D LUMORA: main.cpp:main(107)>############ Enter LumoraApp Main ############";
+    for (const std::vector<std::string> &args :
+         std::vector<std::vector<std::string>>{{"logs"}, {"logs", "--level=debug"}, {"logs", "--level", "E"}}) {
+        const LumoraTvResult r = LumoraTv(args);
+        SCOPED_TRACE(Describe(args, r));
+        EXPECT_EQ(r.status, 0);
+        std::istringstream lines(r.out);
+        bool bFound = false;
+        for (std::string line; std::getline(lines, line);)
+            bFound = bFound || (line.size() == 18 + enter.size() && line.compare(18, enter.size(), enter) == 0 &&
+                                line[2] == '-' && line[5] == ' ' && line[14] == '.');
+        EXPECT_EQ(bFound, args.size() < 3) << "MM-DD hh:mm:ss.mmm" << enter;
+    }
+    const LumoraTvResult last = LumoraTv({"logs", "-n", "2"});
+    std::istringstream lines(last.out);
+    int nRecords = 0;
+    for (std::string line; std::getline(lines, line);)
+        nRecords += !line.empty() && line[0] != ' '; // further lines of a record are indented
+    EXPECT_EQ(nRecords, 2) << last.out;
+
+    // Ctrl-C in a terminal signals the whole foreground group.
+    ASSERT_EQ(kill(-tv.RunPid(), SIGINT), 0);
+    const int status = tv.Wait(30s);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 130) << status << "\n" << tv.Log();
+    EXPECT_EQ(tv.CountInLog("stopping: the watchdog timer may take up to 6 s\n"), 1) << tv.Log();
+    EXPECT_EQ(tv.CountInLog("############ Out LumoraApp Main, ret is 0 ############"), 1);
+    EXPECT_NE(kill(tv.Pid(), 0), 0) << "the service is gone";
 }

@@ -34,8 +34,12 @@ Supervisor::Supervisor()
 Supervisor::~Supervisor()
 {
     if (Running()) {
-        kill(m_pid, SIGKILL);
-        Wait(5s);
+        // `lumora-tv run` ends once its service has.
+        kill(m_pidService, SIGKILL);
+        if (Wait(5s) == -1) {
+            kill(m_pid, SIGKILL);
+            Wait(5s);
+        }
     }
     if (m_pidfd >= 0)
         close(m_pidfd);
@@ -49,6 +53,13 @@ void Supervisor::Start(const std::vector<std::string> &runArgs, const std::vecto
     std::vector<std::string> argv{LumoraTvBinary(), "run"};
     argv.insert(argv.end(), runArgs.begin(), runArgs.end());
     Spawn(std::move(argv), env);
+    const std::string started = "lumora-tv: started ";
+    if (WaitForLog(started, 20s)) {
+        const std::string &log = Log();
+        const size_t at = log.find(" (pid ", log.find(started));
+        if (at != std::string::npos)
+            m_pidService = std::atoi(log.c_str() + at + 6);
+    }
 }
 
 void Supervisor::StartService(const std::vector<std::string> &args, const std::vector<std::string> &env)
@@ -170,6 +181,8 @@ void Supervisor::Spawn(std::vector<std::string> argv, const std::vector<std::str
     if (pid < 0)
         throw std::runtime_error("fork failed");
     if (pid == 0) {
+        // Its own group, as a shell's job: a test may signal the whole of it.
+        setpgid(0, 0);
         int fd = open(logPath, O_WRONLY | O_TRUNC);
         if (fd < 0)
             _exit(126);
@@ -179,7 +192,7 @@ void Supervisor::Spawn(std::vector<std::string> argv, const std::vector<std::str
         execve(argp[0], argp.data(), envp.data());
         _exit(127);
     }
-    m_pid = m_pidStarted = pid;
+    m_pid = m_pidStarted = m_pidService = pid;
     if (m_pidfd >= 0)
         close(m_pidfd);
     m_pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
@@ -222,14 +235,14 @@ int Supervisor::Wait(std::chrono::milliseconds timeout)
 Supervision Supervisor::Terminate(std::chrono::milliseconds timeout)
 {
     if (m_pid > 0)
-        kill(m_pid, SIGTERM);
+        kill(m_pidService, SIGTERM);
     return Ended(timeout);
 }
 
 Supervision Supervisor::Ended(std::chrono::milliseconds timeout)
 {
     const int status = Wait(timeout);
-    Supervision seen = Judge(Messages(), m_pidStarted, m_started, Clock::now());
+    Supervision seen = Judge(Messages(), m_pidService, m_started, Clock::now());
     if (status == -1)
         seen.problems.push_back("still running " + std::to_string(timeout.count()) + " ms after the end began");
     else if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)

@@ -1,6 +1,6 @@
 // A stand-in for systemd supervising the real service: it binds NOTIFY_SOCKET,
 // starts the service, either the way a developer does (`lumora-tv run`, which
-// execs it) or the binary itself, with its log and drawings in a file, and
+// starts it as its child and waits) or the binary itself, with its log and drawings in a file, and
 // records every readiness and watchdog message with its arrival time, so that
 // the gaps are measured while a test drives it. It watches the child through
 // a pidfd and reads the log on from where it stopped.
@@ -32,11 +32,15 @@ public:
     Supervisor &operator=(const Supervisor &) = delete;
 
     // Runs `lumora-tv run <runArgs>` with these extra environment entries
-    // ("NAME=value").
+    // ("NAME=value"), in a process group of its own, and returns once it
+    // said which pid the service has (or ended without).
     void Start(const std::vector<std::string> &runArgs, const std::vector<std::string> &env = {});
     // Runs the service binary itself, with these arguments, as systemd does.
     void StartService(const std::vector<std::string> &args, const std::vector<std::string> &env = {});
-    pid_t Pid() const { return m_pidStarted; }
+    // The service's pid; RunPid() the process this started (`lumora-tv run`,
+    // or the service itself), whose end Wait and Ended see.
+    pid_t Pid() const { return m_pidService; }
+    pid_t RunPid() const { return m_pidStarted; }
     Clock::time_point StartedAt() const { return m_started; }
 
     bool Running();
@@ -78,6 +82,7 @@ private:
     int m_pidfd = -1;
     pid_t m_pid = -1; // -1 once reaped
     pid_t m_pidStarted = -1;
+    pid_t m_pidService = -1;
     int m_nStatus = -1;
     Clock::time_point m_started;
 };

@@ -1,9 +1,11 @@
 // The platform log reader and the replay plan made from what the service logged.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <zlib.h>
 
+#include "hosttv/hosttv.h"
 #include "tvlog/tvlog.h"
 
 namespace {
@@ -145,6 +147,45 @@ TEST(TvLogReader, JoinsContinuationLinesRollsOverTheYearAndReadsGzip)
         EXPECT_EQ(records[2].line, 6u);
         EXPECT_EQ(*records[2].ms - *records[0].ms, 750) << "the new year follows December 31";
     }
+}
+
+// The kept log of a running service, read while it grows and when a new run begins it afresh.
+TEST(TvLogReader, TheKeptLogGivesWholeRecordsOnly)
+{
+    const std::string path = hosttv::LogPath();
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::filesystem::remove(path);
+    EXPECT_EQ(hosttv::ReadLog(0).lines.size(), 0u);
+    EXPECT_EQ(hosttv::ReadLog(0).next, 0u);
+
+    const std::string first = "11-02 10:00:00.001   7   8 D LUMORA  : one\n    | <a/>\n";
+    const std::string second = "11-02 10:00:00.002   7   9 E LUMORA  : two\n";
+    std::ofstream(path, std::ios::binary) << first << second.substr(0, 20);
+    hosttv::LogChunk chunk = hosttv::ReadLog(0);
+    ASSERT_EQ(chunk.lines.size(), 1u);
+    EXPECT_EQ(chunk.lines[0].stamp, "11-02 10:00:00.001");
+    EXPECT_EQ(chunk.lines[0].text, "one\n<a/>");
+    EXPECT_EQ(chunk.lines[0].tid, 8);
+    EXPECT_EQ(chunk.next, first.size()) << "the half-written record is left for later";
+
+    std::ofstream(path, std::ios::binary | std::ios::app) << second.substr(20) << first;
+    chunk = hosttv::ReadLog(first.size(), 1);
+    ASSERT_EQ(chunk.lines.size(), 1u);
+    EXPECT_EQ(chunk.lines[0].level, 'E');
+    EXPECT_EQ(chunk.lines[0].text, "two");
+    EXPECT_EQ(chunk.next, first.size() + second.size()) << "max: the next record starts there";
+
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << second;
+    chunk = hosttv::ReadLog(first.size() + second.size());
+    EXPECT_TRUE(chunk.bRestarted);
+    ASSERT_EQ(chunk.lines.size(), 1u);
+    EXPECT_EQ(chunk.lines[0].text, "two");
+    std::filesystem::remove(path);
+
+    EXPECT_TRUE(hosttv::LevelAtLeast('E', 'W'));
+    EXPECT_TRUE(hosttv::LevelAtLeast('W', 'W'));
+    EXPECT_FALSE(hosttv::LevelAtLeast('D', 'I'));
+    EXPECT_FALSE(hosttv::LevelAtLeast('?', 'V'));
 }
 
 TEST(TvLogReader, BadInputGetsAClearMessage)

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -63,10 +64,17 @@ struct RunPlan {
 // Gets the TV root ready for a run: takes the run lock (one service per host
 // TV: refused while one runs) and refuses when the service is not built; puts
 // scenario (kDefaultScenario when empty, unless QORV_SIM_MODE names a file) in
-// place as the engine's mode.xml, and forgets earlier power-offs.
+// place as the engine's mode.xml, and forgets earlier power-offs. Begins the
+// service's log afresh (the previous run's kept as LogPath() + ".1") and sets
+// TVHOST_LOG_FILE in this process's environment for the service to inherit.
 RunPlan PrepareRun(const std::string &scenario);
 // Replaces this process with the service; returns only by throwing.
 [[noreturn]] void ExecService(const RunPlan &plan);
+// Starts the service as a child of this process. The run lock passes to the
+// child (this process closes plan.lockFd; the lock names the child, for
+// ServicePid), which starts with no signal blocked. Returns its pid; waiting
+// for it is the caller's.
+int StartService(const RunPlan &plan);
 
 // The fresh host TV: widget installed and closed, language kFreshLanguage,
 // Ethernet, no data folder, TV on. Refused while the service runs.
@@ -99,6 +107,29 @@ struct Status {
     std::string root;
 };
 Status ReadStatus();
+
+// ---- the service's log ------------------------------------------------------
+// The log a service started by `lumora-tv run` keeps in the TV root.
+std::string LogPath();
+struct LogLine {
+    std::string stamp; // "MM-DD hh:mm:ss.mmm"
+    char level = 'D';  // V D I W E F
+    int pid = 0;
+    int tid = 0;
+    std::string tag;
+    std::string text; // continuation lines joined with '\n'
+};
+// Whether a record of level passes a filter of minimum level minLevel (V < D < I < W < E < F).
+bool LevelAtLeast(char level, char minLevel);
+// Reads the whole records that begin at or after byte offset `from` of the log, at most max of
+// them. Returns the offset to ask from next. When the log is shorter than `from` (a new run
+// started it afresh), reading restarts at 0 and bRestarted is set. No log yet: nothing, offset 0.
+struct LogChunk {
+    std::vector<LogLine> lines;
+    uint64_t next = 0;
+    bool bRestarted = false;
+};
+LogChunk ReadLog(uint64_t from, size_t max = 1000);
 
 // ---- settings ---------------------------------------------------------------
 

@@ -187,6 +187,12 @@ RunPlan PrepareRun(const std::string &scenario)
         plan.scenario = pModeEnv;
     }
     tvhost::power::ClearRecorded();
+
+    // Each run's log begins afresh; the previous one stays for a look back.
+    const std::string log = LogPath();
+    if (rename(log.c_str(), (log + ".1").c_str()) != 0 && errno != ENOENT)
+        throw Error(Error::Kind::kCannot, "cannot move the previous log " + log + " aside: " + std::strerror(errno));
+    setenv("TVHOST_LOG_FILE", log.c_str(), 1);
     return plan;
 }
 
@@ -194,6 +200,40 @@ void ExecService(const RunPlan &plan)
 {
     execl(plan.binary.c_str(), plan.binary.c_str(), static_cast<char *>(nullptr));
     throw Error(Error::Kind::kCannot, "cannot start " + plan.binary + ": " + std::strerror(errno));
+}
+
+int StartService(const RunPlan &plan)
+{
+    // Only async-signal-safe calls in the child (the caller may have
+    // threads), so every text is made before the fork.
+    const std::string failure = "lumora-tv: cannot start " + plan.binary + "\n";
+    const pid_t pid = fork();
+    if (pid < 0)
+        throw Error(Error::Kind::kCannot, "cannot start " + plan.binary + ": " + std::strerror(errno));
+    if (pid == 0) {
+        if (plan.lockFd >= 0) {
+            // The lock names the service, not the process that waits for it.
+            char digits[24];
+            size_t n = sizeof digits;
+            digits[--n] = '\n';
+            for (unsigned long v = static_cast<unsigned long>(getpid()); v || n == sizeof digits - 1; v /= 10)
+                digits[--n] = static_cast<char>('0' + v % 10);
+            if (ftruncate(plan.lockFd, 0) != 0 ||
+                pwrite(plan.lockFd, digits + n, sizeof digits - n, 0) != static_cast<ssize_t>(sizeof digits - n))
+                _exit(127);
+        }
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        execl(plan.binary.c_str(), plan.binary.c_str(), static_cast<char *>(nullptr));
+        ssize_t ignored = write(STDERR_FILENO, failure.data(), failure.size());
+        (void)ignored;
+        _exit(127);
+    }
+    // The child holds the lock from here on: it is free once the service ends.
+    if (plan.lockFd >= 0)
+        close(plan.lockFd);
+    return pid;
 }
 
 int StopService(std::chrono::seconds wait)

@@ -37,6 +37,8 @@ int Stop(const Args &args);
 int Status(const Args &args);
 int Reset(const Args &args);
 int Power(const Args &args);
+// logs.cpp
+int Logs(const Args &args);
 // settings.cpp
 int Get(const Args &args);
 int Set(const Args &args);

@@ -55,10 +55,16 @@ const char kTool[] = "This tool";
 const Command kCommands[] = {
     {kService, "run", "run [--scenario NAME]", 0, kAny,
      "prepare the host TV and run the service in the foreground, with the engine playing scenario NAME (quiet "
-     "without one; the scenarios are below). One service per host TV. Ctrl-C or lumora-tv stop ends it",
+     "without one; the scenarios are below). One service per host TV. Ctrl-C (exit status 130) or lumora-tv stop "
+     "ends it; a service that ends by itself gives its own status",
      Run},
     {kService, "stop", "stop", 0, 0,
      "end the running service (SIGTERM) and wait for it; its watchdog timer may take up to 6 s", Stop},
+    {kService, "logs", "logs [-f] [--level L] [-n N]", 0, kAny,
+     "the log of the service that lumora-tv run started last, with times: MM-DD hh:mm:ss.mmm L TAG: text. --level L "
+     "keeps level L and above (V D I W E F, or verbose, debug, info, warn, error, fatal), -n N the last N records, "
+     "-f follows it as it grows, and the next run's, until Ctrl-C",
+     Logs},
     {kService, "status", "status [--json]", 0, 1,
      "the service, the engine, the widget, network, language, power; exit status 3 when no service runs", Status},
     {kService, "reset", "reset", 0, 0,

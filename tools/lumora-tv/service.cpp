@@ -1,5 +1,10 @@
 // run, stop, status, reset, power.
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <cstring>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "commands.h"
 #include "hosttv/hosttv.h"
@@ -13,6 +18,61 @@ std::string PowerText(const hosttv::Power &power)
     if (!power.bOff)
         return "on: nothing switched the TV off since `lumora-tv run`";
     return "off: the TV was switched off (power-off request of kind " + std::to_string(power.kind) + ")";
+}
+
+// How the service ended, for a person; empty for a clean end.
+std::string EndText(int status)
+{
+    const hosttv::Power power = hosttv::PowerState();
+    if (WIFEXITED(status) && power.bOff)
+        return "the service ended: the TV was switched off (power-off request of kind " + std::to_string(power.kind) +
+               ")";
+    if (WIFEXITED(status))
+        return WEXITSTATUS(status) ? "the service ended with exit status " + std::to_string(WEXITSTATUS(status)) : "";
+    const int sig = WTERMSIG(status);
+    const bool bCrash = sig == SIGSEGV || sig == SIGBUS || sig == SIGABRT || sig == SIGFPE || sig == SIGILL ||
+                        sig == SIGTRAP || sig == SIGSYS;
+    return std::string("the service ") + (bCrash ? "crashed" : "was killed") + ": signal " + std::to_string(sig) +
+           " (" + strsignal(sig) + ")";
+}
+
+int ExitStatusOf(int status)
+{
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Waits for the service, which a stop signal to this process also ends.
+// wanted: SIGINT, SIGTERM and SIGCHLD, blocked since before the fork.
+int WaitForService(int pid, const sigset_t &wanted)
+{
+    int stopSignal = 0;
+    for (;;) {
+        int status = 0;
+        const pid_t done = waitpid(pid, &status, WNOHANG);
+        if (done < 0 && errno != EINTR)
+            throw hosttv::Error(hosttv::Error::Kind::kCannot, std::string("lost the service (pid ") +
+                                                                  std::to_string(pid) + "): " + std::strerror(errno));
+        if (done == pid) {
+            const std::string text = EndText(status);
+            if (!text.empty())
+                std::fprintf(stderr, "lumora-tv: %s\n", text.c_str());
+            if (stopSignal)
+                return 128 + stopSignal;
+            return ExitStatusOf(status);
+        }
+        siginfo_t info;
+        if (sigwaitinfo(&wanted, &info) < 0 || info.si_signo == SIGCHLD || stopSignal)
+            continue;
+        stopSignal = info.si_signo;
+        // After the terminal's ^C.
+        std::fprintf(stderr, "%sstopping: the watchdog timer may take up to 6 s\n", isatty(STDERR_FILENO) ? "\n" : "");
+        // Ctrl-C reaches the whole foreground process group, the service
+        // with it; a kill of this process alone does not. A group kill sent
+        // by a program gets the service a SIGTERM as well, which does no
+        // harm: its main loop ends once.
+        if (info.si_code != SI_KERNEL)
+            kill(pid, SIGTERM);
+    }
 }
 
 } // namespace
@@ -36,12 +96,20 @@ int Run(const Args &args)
     if (!hosttv::Widget().bInstalled)
         std::fprintf(stderr,
                      "lumora-tv: the widget is not installed, so the engine waits for: lumora-tv widget install\n");
-    std::fprintf(stderr,
-                 "lumora-tv: starting %s; Ctrl-C here or lumora-tv stop ends it (its watchdog timer may take up to "
-                 "6 s)\n",
-                 plan.binary.c_str());
     std::fflush(nullptr);
-    hosttv::ExecService(plan);
+    // Blocked before the fork, so that no stop signal is lost before the
+    // wait; the service starts with none blocked.
+    sigset_t wanted;
+    sigemptyset(&wanted);
+    for (int sig : {SIGINT, SIGTERM, SIGCHLD})
+        sigaddset(&wanted, sig);
+    sigprocmask(SIG_BLOCK, &wanted, nullptr);
+    const int pid = hosttv::StartService(plan);
+    std::fprintf(stderr,
+                 "lumora-tv: started %s (pid %d); Ctrl-C here or lumora-tv stop ends it (its watchdog timer may take "
+                 "up to 6 s); its log: lumora-tv logs\n",
+                 plan.binary.c_str(), pid);
+    return WaitForService(pid, wanted);
 }
 
 int Stop(const Args &)

@@ -1,15 +1,20 @@
 // The platform log on the host: one line per record on stderr, in the shape
 // "D/LUMORA( 1234): text", switchable off, and capturable for tests. What
 // reaches the terminal is escaped; captured records keep the text as logged.
+// With TVHOST_LOG_FILE every record is also appended to that file in the
+// threadtime form, so that other processes can read a running service's log.
 #include <dlog.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <mutex>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -145,6 +150,57 @@ struct XmlErrorsRouted {
     }
 } g_xmlErrorsRouted;
 
+// The kept log of TVHOST_LOG_FILE. Past kMaxFile it is renamed NAME.1 and
+// begun again, so that a storm of records cannot fill the disk.
+constexpr off_t kMaxFile = off_t{8} << 20;
+std::mutex g_fileMutex;
+int g_fileFd = -1;
+off_t g_fileSize = 0;
+
+// Read at the first record rather than at load, so that a process may set it first.
+const char *LogFilePath()
+{
+    static const char *const pPath = [] {
+        const char *p = std::getenv("TVHOST_LOG_FILE");
+        return p && *p ? strdup(p) : nullptr;
+    }();
+    return pPath;
+}
+
+void OpenLogFile(const char *path)
+{
+    g_fileFd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    struct stat st;
+    g_fileSize = g_fileFd >= 0 && fstat(g_fileFd, &st) == 0 ? st.st_size : 0;
+}
+
+void AppendToLogFile(const std::string &line)
+{
+    std::lock_guard<std::mutex> lock(g_fileMutex);
+    const char *path = LogFilePath();
+    static bool bOpened = false;
+    if (!bOpened) {
+        bOpened = true;
+        OpenLogFile(path);
+    }
+    if (g_fileFd < 0)
+        return;
+    if (g_fileSize >= kMaxFile) {
+        const std::string old = std::string(path) + ".1";
+        close(g_fileFd);
+        g_fileFd = -1;
+        if (rename(path, old.c_str()) != 0 && errno != ENOENT)
+            return; // written no more rather than without bound
+        OpenLogFile(path);
+        if (g_fileFd < 0)
+            return;
+    }
+    // One write per record, appended: a reader never sees two records mixed.
+    const ssize_t n = write(g_fileFd, line.data(), line.size());
+    if (n > 0)
+        g_fileSize += n;
+}
+
 tvhost::detail::ResetHook g_reset([] {
     std::lock_guard<std::mutex> lock(g_mutex);
     g_records.clear();
@@ -182,32 +238,38 @@ extern "C" int __dlog_vprint(log_id_t log_id, int prio, const char *tag, const c
     }
     const char *t = tag ? tag : "";
 
-    if (g_bEcho.load(std::memory_order_relaxed)) {
-        // One write per record so that lines from several threads never interleave.
-        std::string line;
-        line.reserve(text.size() + 32);
-        char head[160];
+    const bool bEcho = g_bEcho.load(std::memory_order_relaxed);
+    const bool bFile = LogFilePath() != nullptr;
+    if (bEcho || bFile) {
+        char stamp[40];
+        Stamp(stamp, sizeof stamp);
         const int pid = static_cast<int>(getpid());
-        if (g_format == Format::kBrief) {
-            std::snprintf(head, sizeof head, "%c/%s(%5d): ", PriorityLetter(prio), t, pid);
-        } else {
-            char stamp[40];
-            Stamp(stamp, sizeof stamp);
-            if (g_format == Format::kTime)
-                std::snprintf(head, sizeof head, "%s %c/%s(%5d): ", stamp, PriorityLetter(prio), t, pid);
-            else
-                std::snprintf(head, sizeof head, "%s %5d %5d %c %-8s: ", stamp, pid,
-                              static_cast<int>(syscall(SYS_gettid)), PriorityLetter(prio), t);
-        }
-        line += head;
+        const char letter = PriorityLetter(prio);
         // The record's own final line feed ends it; any other begins a marked line.
         const bool bEndsLine = !text.empty() && text.back() == '\n';
+        std::string body;
+        body.reserve(text.size() + 2);
         bool bLineStart = false;
-        AppendForTerminal(line, text.data(), text.size() - (bEndsLine ? 1 : 0), true, bLineStart);
-        if (line.empty() || line.back() != '\n')
-            line += '\n';
-        ssize_t ignored = write(STDERR_FILENO, line.data(), line.size());
-        (void)ignored;
+        AppendForTerminal(body, text.data(), text.size() - (bEndsLine ? 1 : 0), true, bLineStart);
+        if (body.empty() || body.back() != '\n')
+            body += '\n';
+        char head[160];
+        std::snprintf(head, sizeof head, "%s %5d %5d %c %-8s: ", stamp, pid, static_cast<int>(syscall(SYS_gettid)),
+                      letter, t);
+        const std::string threadTime = head + body;
+        if (bFile)
+            AppendToLogFile(threadTime);
+        if (bEcho) {
+            // One write per record so that lines from several threads never interleave.
+            std::string line;
+            if (g_format == Format::kBrief)
+                std::snprintf(head, sizeof head, "%c/%s(%5d): ", letter, t, pid);
+            else if (g_format == Format::kTime)
+                std::snprintf(head, sizeof head, "%s %c/%s(%5d): ", stamp, letter, t, pid);
+            const std::string &out = g_format == Format::kThreadTime ? threadTime : (line = head + body);
+            ssize_t ignored = write(STDERR_FILENO, out.data(), out.size());
+            (void)ignored;
+        }
     }
     if (g_bCapture.load(std::memory_order_relaxed)) {
         std::lock_guard<std::mutex> lock(g_mutex);

@@ -6,12 +6,12 @@
 // screen and press buttons.
 #include <notification_data.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <map>
 #include <mutex>
 #include <thread>
 
@@ -44,12 +44,18 @@ struct Service {
     notification_timeout_cb pTimeoutCb = nullptr;
     void *pTimeoutData = nullptr;
 
-    std::vector<Record> posted;
+    std::vector<PackedRecord> posted;
     // What the viewer sees: bounded, and a pop-up leaves it when answered.
     Screen screen;
-    // The items posted and not removed yet, by item id: the app's own view,
-    // which removal answers to whether or not the pop-up is still on screen.
-    std::map<int, std::string> live;
+    // The items posted and not removed yet, in item id order: the app's own
+    // view, which removal answers to whether or not the pop-up is still on
+    // screen. A vector, as the service's item ids count up: a post appends;
+    // an app id is kept once, in appIds, whatever the number of items. A
+    // removed item is marked kRemoved and swept out once they are half of it.
+    static constexpr size_t kRemoved = ~size_t{0};
+    std::vector<std::pair<int, size_t>> live;
+    size_t nRemoved = 0;
+    std::vector<std::string> appIds;
     std::vector<Removal> removals;
 
     std::deque<Delivery> queue;
@@ -137,35 +143,51 @@ struct StopAtExit {
     }
 } g_stopAtExit;
 
-std::optional<std::string> Copy(const char *p)
+std::optional<std::string_view> View(const char *p)
 {
     if (!p)
         return std::nullopt;
-    return std::string(p);
+    return std::string_view(p);
 }
 
-Record CopyRecord(const notification_data_t &d)
+PackedRecord Pack(const notification_data_t &d)
 {
-    Record r;
-    r.version = d.version;
-    r.popup = d.popup;
-    r.style = d.style;
-    r.appId = Copy(d.app_id);
-    r.itemId = d.item_id;
+    PackedRecord::Source s;
+    s.numbers = {d.version, d.popup, d.style, d.item_id, d.button_count, d.need_answer, {}, {}};
     for (int i = 0; i < 3; ++i) {
-        r.reserved1[i] = d.reserved1[i];
-        r.reserved2[i] = d.reserved2[i];
+        s.numbers.reserved1[i] = d.reserved1[i];
+        s.numbers.reserved2[i] = d.reserved2[i];
     }
-    r.title = Copy(d.title);
-    r.body = Copy(d.body);
-    r.subText = Copy(d.sub_text);
-    r.buttonCount = d.button_count;
-    r.needAnswer = d.need_answer;
-    for (int i = 0; i < NOTIFICATION_DATA_MAX_BUTTON; ++i) {
-        r.buttonLabel[i] = Copy(d.button_label[i]);
-        r.buttonIcon[i] = Copy(d.button_icon[i]);
-    }
-    return r;
+    s.texts = {View(d.app_id),          View(d.title),           View(d.body),
+               View(d.sub_text),        View(d.button_label[0]), View(d.button_label[1]),
+               View(d.button_label[2]), View(d.button_icon[0]),  View(d.button_icon[1]),
+               View(d.button_icon[2])};
+    return PackedRecord::Pack(s);
+}
+
+std::vector<std::pair<int, size_t>>::iterator FindLive(Service &s, int itemId)
+{
+    return std::lower_bound(s.live.begin(), s.live.end(), itemId,
+                            [](const std::pair<int, size_t> &item, int id) { return item.first < id; });
+}
+
+void SweepRemoved(Service &s)
+{
+    if (++s.nRemoved * 2 < s.live.size())
+        return;
+    s.live.erase(std::remove_if(s.live.begin(), s.live.end(),
+                                [](const std::pair<int, size_t> &item) { return item.second == Service::kRemoved; }),
+                 s.live.end());
+    s.nRemoved = 0;
+}
+
+size_t AppIdIndex(Service &s, std::string_view appId)
+{
+    auto it = std::find(s.appIds.begin(), s.appIds.end(), appId);
+    if (it != s.appIds.end())
+        return static_cast<size_t>(it - s.appIds.begin());
+    s.appIds.emplace_back(appId);
+    return s.appIds.size() - 1;
 }
 
 // Keeps a callback of the initialised service.
@@ -236,7 +258,11 @@ void Draw(const std::string &text)
 std::vector<Record> Posted()
 {
     std::lock_guard<std::mutex> lock(S().mutex);
-    return S().posted;
+    std::vector<Record> out;
+    out.reserve(S().posted.size());
+    for (const auto &r : S().posted)
+        out.push_back(r.Unpack());
+    return out;
 }
 
 std::vector<Record> Shown()
@@ -353,6 +379,8 @@ tvhost::detail::ResetHook g_reset([] {
     s.posted.clear();
     s.screen.Clear();
     s.live.clear();
+    s.nRemoved = 0;
+    s.appIds.clear();
     s.removals.clear();
     s.bBusy = false;
     s.nDelivered = 0;
@@ -407,19 +435,26 @@ extern "C" int add_notification_data(const notification_data_t *data)
     if (Take(__func__, nFault))
         return nFault;
     auto &s = S();
-    tvhost::notifications::Record record;
+    tvhost::notifications::PackedRecord record;
     {
         std::lock_guard<std::mutex> lock(s.mutex);
         if (!s.bInitialised || !data || data->button_count < 0 || data->button_count > NOTIFICATION_DATA_MAX_BUTTON)
             return -1;
-        record = tvhost::notifications::CopyRecord(*data);
+        record = tvhost::notifications::Pack(*data);
         s.posted.push_back(record);
         tvhost::detail::TrimHistory(s.posted);
         s.screen.Show(record);
-        s.live[record.itemId] = record.appId.value_or("");
+        const size_t nAppId = tvhost::notifications::AppIdIndex(s, record.AppId().value_or(""));
+        auto it = tvhost::notifications::FindLive(s, record.ItemId());
+        if (it != s.live.end() && it->first == record.ItemId()) {
+            s.nRemoved -= it->second == Service::kRemoved ? 1 : 0;
+            it->second = nAppId;
+        } else {
+            s.live.insert(it, {record.ItemId(), nAppId});
+        }
     }
     if (tvhost::notifications::Drawing())
-        tvhost::notifications::Draw(tvhost::notifications::Render(record));
+        tvhost::notifications::Draw(tvhost::notifications::Render(record.Unpack()));
     return 0;
 }
 
@@ -432,10 +467,12 @@ extern "C" int remove_notification_data(const char *app_id, int item_id)
     std::string strAppId = app_id ? app_id : "";
     {
         std::lock_guard<std::mutex> lock(s.mutex);
-        auto it = s.live.find(item_id);
-        const bool bFound = it != s.live.end() && it->second == strAppId;
+        auto it = tvhost::notifications::FindLive(s, item_id);
+        const bool bFound = it != s.live.end() && it->first == item_id && it->second != Service::kRemoved &&
+                            s.appIds[it->second] == strAppId;
         if (bFound) {
-            s.live.erase(it);
+            it->second = Service::kRemoved;
+            tvhost::notifications::SweepRemoved(s);
             s.screen.Close(strAppId, item_id);
         }
         s.removals.push_back({strAppId, item_id, bFound});

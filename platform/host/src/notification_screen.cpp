@@ -1,6 +1,9 @@
 #include "tvhost/notification_screen.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <new>
 
 #include "terminal_text.h"
 
@@ -165,17 +168,134 @@ std::string Repeat(const char *s, int n)
 
 } // namespace
 
-void Screen::Show(const Record &record)
+// The block: the numbers, where each text begins in the characters after
+// it (text i ends where i + 1 begins), which texts are there at all.
+struct PackedRecord::Block {
+    std::atomic<unsigned> nRefs{1};
+    Numbers numbers;
+    uint32_t nPresent = 0;
+    std::array<size_t, kTexts + 1> offsets{};
+    char *Chars() { return reinterpret_cast<char *>(this + 1); }
+};
+
+PackedRecord PackedRecord::Pack(const Source &source)
 {
-    m_shown[record.itemId] = record;
-    while (m_shown.size() > kMaxOnScreen)
+    size_t nChars = 0;
+    for (const auto &text : source.texts)
+        nChars += text ? text->size() : 0;
+    void *p = ::operator new(sizeof(Block) + nChars);
+    Block *block = new (p) Block;
+    block->numbers = source.numbers;
+    size_t nAt = 0;
+    for (size_t i = 0; i < kTexts; ++i) {
+        block->offsets[i] = nAt;
+        if (!source.texts[i])
+            continue;
+        block->nPresent |= 1u << i;
+        if (!source.texts[i]->empty())
+            std::memcpy(block->Chars() + nAt, source.texts[i]->data(), source.texts[i]->size());
+        nAt += source.texts[i]->size();
+    }
+    block->offsets[kTexts] = nAt;
+    PackedRecord packed;
+    packed.m_block = block;
+    return packed;
+}
+
+PackedRecord PackedRecord::Pack(const Record &r)
+{
+    Source s;
+    s.numbers = {r.version, r.popup, r.style, r.itemId, r.buttonCount, r.needAnswer, r.reserved1, r.reserved2};
+    const std::optional<std::string> *texts[kTexts] = {
+        &r.appId,          &r.title,          &r.body,          &r.subText,       &r.buttonLabel[0],
+        &r.buttonLabel[1], &r.buttonLabel[2], &r.buttonIcon[0], &r.buttonIcon[1], &r.buttonIcon[2]};
+    for (size_t i = 0; i < kTexts; ++i)
+        if (*texts[i])
+            s.texts[i] = std::string_view(**texts[i]);
+    return Pack(s);
+}
+
+PackedRecord::PackedRecord(const PackedRecord &other) : m_block(other.m_block)
+{
+    if (m_block)
+        m_block->nRefs.fetch_add(1, std::memory_order_relaxed);
+}
+
+PackedRecord::~PackedRecord()
+{
+    if (m_block && m_block->nRefs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        m_block->~Block();
+        ::operator delete(m_block);
+    }
+}
+
+int PackedRecord::ItemId() const
+{
+    return m_block ? m_block->numbers.itemId : 0;
+}
+
+int PackedRecord::ButtonCount() const
+{
+    return m_block ? m_block->numbers.buttonCount : 0;
+}
+
+std::optional<std::string_view> PackedRecord::Text(size_t i) const
+{
+    if (!m_block || !(m_block->nPresent & (1u << i)))
+        return std::nullopt;
+    return std::string_view(m_block->Chars() + m_block->offsets[i], m_block->offsets[i + 1] - m_block->offsets[i]);
+}
+
+Record PackedRecord::Unpack() const
+{
+    Record r;
+    if (!m_block)
+        return r;
+    const Numbers &n = m_block->numbers;
+    r.version = n.version;
+    r.popup = n.popup;
+    r.style = n.style;
+    r.itemId = n.itemId;
+    r.buttonCount = n.buttonCount;
+    r.needAnswer = n.needAnswer;
+    r.reserved1 = n.reserved1;
+    r.reserved2 = n.reserved2;
+    std::optional<std::string> *texts[kTexts] = {
+        &r.appId,          &r.title,          &r.body,          &r.subText,       &r.buttonLabel[0],
+        &r.buttonLabel[1], &r.buttonLabel[2], &r.buttonIcon[0], &r.buttonIcon[1], &r.buttonIcon[2]};
+    for (size_t i = 0; i < kTexts; ++i)
+        if (auto text = Text(i))
+            texts[i]->emplace(*text);
+    return r;
+}
+
+namespace {
+
+std::vector<PackedRecord>::iterator FindItem(std::vector<PackedRecord> &shown, int itemId)
+{
+    return std::lower_bound(shown.begin(), shown.end(), itemId,
+                            [](const PackedRecord &r, int id) { return r.ItemId() < id; });
+}
+
+} // namespace
+
+void Screen::Show(PackedRecord record)
+{
+    if (m_shown.capacity() < kMaxOnScreen + 1)
+        m_shown.reserve(kMaxOnScreen + 1);
+    auto it = FindItem(m_shown, record.ItemId());
+    if (it != m_shown.end() && it->ItemId() == record.ItemId())
+        *it = std::move(record);
+    else
+        m_shown.insert(it, std::move(record));
+    if (m_shown.size() > kMaxOnScreen)
         m_shown.erase(m_shown.begin());
 }
 
 bool Screen::Close(const std::string &appId, int itemId)
 {
-    auto it = m_shown.find(itemId);
-    if (it == m_shown.end() || it->second.appId.value_or("") != appId)
+    auto it = FindItem(m_shown, itemId);
+    if (it == m_shown.end() || it->ItemId() != itemId || it->AppId().value_or("") != appId)
         return false;
     m_shown.erase(it);
     return true;
@@ -183,7 +303,9 @@ bool Screen::Close(const std::string &appId, int itemId)
 
 void Screen::TakeDown(int itemId)
 {
-    m_shown.erase(itemId);
+    auto it = FindItem(m_shown, itemId);
+    if (it != m_shown.end() && it->ItemId() == itemId)
+        m_shown.erase(it);
 }
 
 void Screen::Clear()
@@ -194,17 +316,19 @@ void Screen::Clear()
 std::vector<Record> Screen::Records() const
 {
     std::vector<Record> out;
-    for (const auto &kv : m_shown)
-        out.push_back(kv.second);
+    out.reserve(m_shown.size());
+    for (const auto &r : m_shown)
+        out.push_back(r.Unpack());
     return out;
 }
 
 std::string Screen::CannotDeliver(int itemId, bool bButton, int buttonIndex) const
 {
-    auto it = m_shown.find(itemId);
-    if (it == m_shown.end())
+    auto it = std::lower_bound(m_shown.begin(), m_shown.end(), itemId,
+                               [](const PackedRecord &r, int id) { return r.ItemId() < id; });
+    if (it == m_shown.end() || it->ItemId() != itemId)
         return NotOnScreenText(itemId, Records());
-    const int nButtons = it->second.buttonCount;
+    const int nButtons = it->ButtonCount();
     if (!bButton || (buttonIndex >= 0 && buttonIndex < nButtons))
         return "";
     return "pop-up #" + std::to_string(itemId) +

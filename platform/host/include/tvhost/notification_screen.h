@@ -4,9 +4,9 @@
 #pragma once
 
 #include <array>
-#include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tvhost {
@@ -31,6 +31,47 @@ struct Record {
     std::array<std::optional<std::string>, 3> buttonIcon;
 };
 
+// One posted notification kept in a single allocation: its numbers and every
+// text in one block, shared by reference count, so that keeping a posted
+// record (in the history and on the screen at once) costs one allocation and
+// no copy of each text.
+class PackedRecord {
+public:
+    // The texts of a record in the order of Record's fields: app id, title,
+    // body, sub-text, the three button labels, the three button icons.
+    static constexpr size_t kTexts = 10;
+    struct Numbers {
+        int version = 0, popup = 0, style = 0, itemId = 0, buttonCount = 0, needAnswer = 0;
+        std::array<int, 3> reserved1{}, reserved2{};
+    };
+    struct Source {
+        Numbers numbers;
+        std::array<std::optional<std::string_view>, kTexts> texts;
+    };
+    static PackedRecord Pack(const Source &source);
+    static PackedRecord Pack(const Record &record);
+
+    PackedRecord() = default;
+    PackedRecord(const PackedRecord &other);
+    PackedRecord(PackedRecord &&other) noexcept : m_block(other.m_block) { other.m_block = nullptr; }
+    PackedRecord &operator=(PackedRecord other) noexcept
+    {
+        std::swap(m_block, other.m_block);
+        return *this;
+    }
+    ~PackedRecord();
+
+    int ItemId() const;
+    int ButtonCount() const;
+    std::optional<std::string_view> AppId() const { return Text(0); }
+    Record Unpack() const;
+
+private:
+    struct Block;
+    std::optional<std::string_view> Text(size_t i) const;
+    Block *m_block = nullptr;
+};
+
 // The notifications on screen, one per item id: a later post of an item id
 // replaces the one shown. The screen holds at most kMaxOnScreen; a post
 // beyond that pushes the lowest item id (the oldest, as the service counts
@@ -39,7 +80,8 @@ class Screen {
 public:
     static constexpr size_t kMaxOnScreen = 100;
 
-    void Show(const Record &record);
+    void Show(PackedRecord record);
+    void Show(const Record &record) { Show(PackedRecord::Pack(record)); }
     // Takes down item itemId of appId; false, and nothing changes, when no
     // such one is shown.
     bool Close(const std::string &appId, int itemId);
@@ -53,7 +95,8 @@ public:
     std::string CannotDeliver(int itemId, bool bButton, int buttonIndex) const;
 
 private:
-    std::map<int, Record> m_shown;
+    // In item id order; at most kMaxOnScreen + 1, so it never reallocates once grown.
+    std::vector<PackedRecord> m_shown;
 };
 
 // "2 on screen: #1, #3", a few of many with their count ("100 on screen: #1,
