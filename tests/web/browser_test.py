@@ -96,7 +96,7 @@ def main():
             stdout=log, stderr=subprocess.STDOUT, env=env)
     options = webdriver.ChromeOptions()
     for arg in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
-                "--window-size=1400,1000"):
+                "--window-size=1400,1250"):
         options.add_argument(arg)
     driver = None
     try:

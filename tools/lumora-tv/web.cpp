@@ -3,7 +3,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -14,14 +14,11 @@ namespace lumoratv {
 
 namespace {
 
-// Ctrl-C and SIGTERM reach a thread that stops the server: a handler may only
-// write to a pipe.
-int g_signalPipe[2] = {-1, -1};
-
-void OnSignal(int number)
+std::string ServiceEnd(int status)
 {
-    const unsigned char byte = static_cast<unsigned char>(number);
-    [[maybe_unused]] const ssize_t n = write(g_signalPipe[1], &byte, 1);
+    if (WIFEXITED(status))
+        return "exit status " + std::to_string(WEXITSTATUS(status));
+    return std::string("signal ") + strsignal(WTERMSIG(status));
 }
 
 } // namespace
@@ -57,7 +54,7 @@ int Web(const Args &args)
     hostweb::Server server(options);
     if (!server.Bind()) {
         const int error = errno;
-        if (error == EADDRINUSE || error == EACCES)
+        if (error == EADDRINUSE)
             throw hosttv::Error(hosttv::Error::Kind::kCannot, listenText + ": port in use, try --listen " +
                                                                   listen->host + ":" +
                                                                   std::to_string(listen->port + 1));
@@ -65,35 +62,62 @@ int Web(const Args &args)
                             "cannot listen on " + listenText + ": " + std::strerror(error));
     }
 
-    if (pipe2(g_signalPipe, O_CLOEXEC) != 0)
-        throw hosttv::Error(hosttv::Error::Kind::kCannot, std::string("cannot make a pipe: ") + std::strerror(errno));
-    struct sigaction action = {};
-    action.sa_handler = OnSignal;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
-    int signalSeen = 0;
-    std::thread stopper([&] {
-        unsigned char byte = 0;
-        while (read(g_signalPipe[0], &byte, 1) < 0 && errno == EINTR) {}
-        signalSeen = byte;
-        server.Stop();
-    });
+    // Blocked before any thread or the service starts: the signals wait for
+    // the loop below, and the service starts with none blocked.
+    sigset_t wanted;
+    sigemptyset(&wanted);
+    for (int sig : {SIGINT, SIGTERM, SIGCHLD})
+        sigaddset(&wanted, sig);
+    sigprocmask(SIG_BLOCK, &wanted, nullptr);
+    int pid = 0;
+    if (bRun) {
+        const hosttv::RunPlan plan = hosttv::PrepareRun(scenario);
+        std::fprintf(stderr, "lumora-tv: the engine plays scenario \"%s\" (%s): %s\n", plan.scenario.c_str(),
+                     plan.why.c_str(), hosttv::ScenarioText(plan.scenario).c_str());
+        pid = hosttv::StartService(plan);
+        std::fprintf(stderr, "lumora-tv: started %s (pid %d); Ctrl-C here ends it with the page\n", plan.binary.c_str(),
+                     pid);
+    }
 
     const std::vector<std::string> urls = server.Urls();
     std::printf("lumora-tv: the host TV in a browser: open %s\n", urls[0].c_str());
     for (size_t i = 1; i < urls.size(); ++i)
         std::printf("lumora-tv: or %s\n", urls[i].c_str());
-    if (listen->host != "127.0.0.1" && listen->host != "::1" && listen->host.compare(0, 4, "127.") != 0)
+    if (listen->host != "::1" && listen->host.compare(0, 4, "127.") != 0)
         std::printf("lumora-tv: warning: %s is reachable from other machines; anyone there can drive this TV\n",
                     listenText.c_str());
     std::printf("lumora-tv: Ctrl-C ends it\n");
     std::fflush(stdout);
-    server.Serve();
+    std::thread serving([&server] { server.Serve(); });
 
-    // Served until a signal; otherwise the stopper ends now.
-    OnSignal(0);
-    stopper.join();
-    return signalSeen ? 128 + signalSeen : kDone;
+    // Serves until Ctrl-C or SIGTERM; a service of --run that ends meanwhile
+    // (the engine switched the TV off) leaves the page up to show it.
+    siginfo_t info{};
+    for (;;) {
+        if (sigwaitinfo(&wanted, &info) < 0)
+            continue;
+        int status = 0;
+        if (info.si_signo != SIGCHLD)
+            break;
+        if (pid && waitpid(pid, &status, WNOHANG) == pid) {
+            std::fprintf(stderr, "lumora-tv: the service (pid %d) ended: %s; the page stays until Ctrl-C\n", pid,
+                         ServiceEnd(status).c_str());
+            pid = 0;
+        }
+    }
+    if (pid) {
+        std::fprintf(stderr, "%sstopping: the watchdog timer may take up to 6 s\n", isatty(STDERR_FILENO) ? "\n" : "");
+        // The terminal's Ctrl-C reached the service too; a signal sent to
+        // this process alone did not.
+        if (info.si_code != SI_KERNEL)
+            kill(pid, SIGTERM);
+        int status = 0;
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {}
+        std::fprintf(stderr, "lumora-tv: the service (pid %d) ended: %s\n", pid, ServiceEnd(status).c_str());
+    }
+    server.Stop();
+    serving.join();
+    return 128 + info.si_signo;
 }
 
 } // namespace lumoratv

@@ -79,7 +79,10 @@ std::string ReadWhole(const std::string &path, size_t max)
 class Hub {
 public:
     struct Cursor {
-        uint64_t state = 0; // the state version last sent
+        uint64_t state = 0;    // the state version last sent
+        uint64_t log = 0;      // the last log line sent
+        bool bLogSent = false; // a first chunk went out: later ones continue it
+        uint64_t logRun = 0;   // of the log as it was then
     };
 
     // The host TV as the watcher last saw it.
@@ -114,19 +117,62 @@ public:
         return m_popups;
     }
 
+    // New records of the service's log; bRestarted: a new run began it afresh.
+    void AddLog(const std::vector<hosttv::LogLine> &lines, bool bRestarted)
+    {
+        if (lines.empty() && !bRestarted)
+            return;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (bRestarted) {
+            m_log.clear();
+            ++m_logRun;
+        }
+        for (const hosttv::LogLine &l : lines) {
+            m_log.push_back({++m_logSeq, hosttv::Dump({{"stamp", l.stamp},
+                                                       {"level", std::string(1, l.level)},
+                                                       {"pid", l.pid},
+                                                       {"tid", l.tid},
+                                                       {"tag", l.tag},
+                                                       {"text", l.text}})});
+            if (m_log.size() > kMaxLog)
+                m_log.pop_front();
+        }
+        m_changed.notify_all();
+    }
+
     // The next message of a stream: what changed since cursor, or a comment
     // after wait (a write is how a closed page is noticed); nothing once
     // the server stops.
     std::optional<std::string> Next(Cursor &cursor, std::chrono::milliseconds wait)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait_for(lock, wait, [&] { return m_bStopping || cursor.state != m_version; });
+        m_changed.wait_for(lock, wait, [&] { return m_bStopping || cursor.state != m_version || LogNews(cursor); });
         if (m_bStopping)
             return std::nullopt;
-        if (cursor.state == m_version)
-            return std::string(": still here\n\n");
-        cursor.state = m_version;
-        return "event: state\ndata: " + m_state + "\n\n";
+        std::string out;
+        if (cursor.state != m_version) {
+            cursor.state = m_version;
+            out = "event: state\ndata: " + m_state + "\n\n";
+        }
+        if (LogNews(cursor)) {
+            // A page that is new, or behind a restart, starts over with what is kept.
+            const bool bAfresh = !cursor.bLogSent || cursor.logRun != m_logRun;
+            std::string lines;
+            size_t n = 0;
+            for (const auto &entry : m_log) {
+                if ((bAfresh || entry.first > cursor.log) && n++ < kMaxLogPerMessage) {
+                    lines += (lines.empty() ? "" : ",") + entry.second;
+                    cursor.log = entry.first;
+                }
+            }
+            if (bAfresh && m_log.empty())
+                cursor.log = m_logSeq;
+            cursor.bLogSent = true;
+            cursor.logRun = m_logRun;
+            out += "event: log\ndata: {\"restarted\":" + std::string(bAfresh ? "true" : "false") + ",\"lines\":[" +
+                   lines + "]}\n\n";
+        }
+        return out.empty() ? ": still here\n\n" : out;
     }
 
     // The watcher sleeps until its next poll, or until an action asks for one now.
@@ -158,6 +204,13 @@ public:
 
 private:
     static constexpr size_t kMaxActivity = 20;
+    static constexpr size_t kMaxLog = 5000;
+    static constexpr size_t kMaxLogPerMessage = 500;
+
+    bool LogNews(const Cursor &cursor) const
+    {
+        return !cursor.bLogSent || cursor.logRun != m_logRun || (!m_log.empty() && m_log.back().first > cursor.log);
+    }
 
     void PublishLocked()
     {
@@ -179,6 +232,9 @@ private:
     JsonValue m_status = JsonValue::object();
     std::vector<tvhost::notifications::Record> m_popups;
     std::deque<JsonValue> m_activity;
+    std::deque<std::pair<uint64_t, std::string>> m_log; // sequence number, the record as JSON
+    uint64_t m_logSeq = 0;
+    uint64_t m_logRun = 0; // bumped when a new run begins the log afresh
     std::string m_state = "{}";
     uint64_t m_version = 0; // streams wait for the watcher's first look
     bool m_bPoked = false;
@@ -410,6 +466,7 @@ struct Server::Impl {
                 {"events", events},
                 {"networks", {"wifi", "ethernet", "none", "auto"}},
                 {"widget", std::string(hosttv::kWidgetApp)},
+                {"log", hosttv::LogPath()},
                 {"run", options.bRun}};
     }
 
@@ -470,6 +527,7 @@ struct Server::Impl {
 
     void Watch()
     {
+        uint64_t logFrom = 0;
         while (!hub.Stopping()) {
             std::vector<tvhost::notifications::Record> popups;
             JsonValue status;
@@ -482,6 +540,16 @@ struct Server::Impl {
                 status = {{"error", e.what()}};
             }
             hub.SetTv(std::move(status), std::move(popups));
+            try {
+                hosttv::LogChunk chunk;
+                do {
+                    chunk = hosttv::ReadLog(logFrom);
+                    hub.AddLog(chunk.lines, chunk.bRestarted);
+                    logFrom = chunk.next;
+                } while (chunk.lines.size() >= 1000 && !hub.Stopping());
+            } catch (const hosttv::Error &) {
+                // An unreadable log shows as no news; the state above still flows.
+            }
             hub.Sleep(options.poll);
         }
     }

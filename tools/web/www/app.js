@@ -257,7 +257,7 @@ async function setUp() {
 
   $('log-level').addEventListener('change', refilterLog);
   $('log-filter').addEventListener('input', refilterLog);
-  if (!info.log) $('log-note').textContent = 'this build keeps no log of the service';
+  $('log-note').textContent = `kept in ${info.log} by a service that lumora-tv run or web --run started`;
 
   const link = $('link');
   const stream = new EventSource('/api/events');
