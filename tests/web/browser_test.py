@@ -7,7 +7,7 @@ page must show each pop-up with its buttons, press "Go to Lumora" through the
 service, switch the language so that the next pop-up speaks Korean, and show
 a device name holding markup as text.
 
-usage: browser_test.py LUMORA_TV SCREENSHOT
+usage: browser_test.py LUMORA_TV SCREENSHOT CHROMEDRIVER
 """
 import os
 import signal
@@ -22,7 +22,7 @@ from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 from selenium.webdriver.support.ui import Select, WebDriverWait
 
-LUMORA_TV, SCREENSHOT = sys.argv[1], sys.argv[2]
+LUMORA_TV, SCREENSHOT, CHROMEDRIVER = sys.argv[1:4]
 WAIT = 60  # seconds: generous, the machine is shared
 HOSTILE_NAME = "<img src=x onerror=window.__pwned=1>"
 HOSTILE_EVENT = (
@@ -100,7 +100,7 @@ def main():
         options.add_argument(arg)
     driver = None
     try:
-        driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+        driver = webdriver.Chrome(service=Service(CHROMEDRIVER), options=options)
         url = f"http://127.0.0.1:{port}/"
         deadline = time.time() + WAIT
         while True:
