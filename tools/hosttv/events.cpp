@@ -2,6 +2,8 @@
 // shipped sample texts, and what the host TV saw happen after one.
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <set>
 #include <thread>
 
@@ -44,6 +46,19 @@ std::string EventSample(const std::string &name)
     if (path.size() < 4 || path.compare(path.size() - 4, 4, ".xml") != 0)
         path += ".xml";
     return std::filesystem::is_regular_file(path) ? path : "";
+}
+
+std::string EventSampleText(const std::string &name)
+{
+    const std::string path = EventSample(name);
+    std::ifstream in(path, std::ios::binary);
+    if (path.empty() || !in) {
+        std::string names;
+        for (const EventKind &kind : EventKinds())
+            names += (names.empty() ? "" : ", ") + std::string(kind.sample);
+        throw Error(Error::Kind::kBadRequest, "no shipped sample \"" + name + "\"; the samples are: " + names);
+    }
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 EventOutcome SendEvent(int number, const std::string &param, std::chrono::milliseconds wait)

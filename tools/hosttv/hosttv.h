@@ -151,6 +151,14 @@ std::optional<std::string> GetSetting(const SettingKey &key);
 // running service. A value the key does not accept is refused unless bForce.
 void SetSetting(const SettingKey &key, const std::string &value, bool bForce = false);
 
+// A language the service has texts for.
+struct Language {
+    std::string catalogue; // the catalogue's name in the TV root: "ko"
+    std::string value;     // the kLanguageKey value that selects it: "ko_KR.UTF-8"
+};
+// The languages whose message catalogues the TV root ships, by catalogue name.
+std::vector<Language> Languages();
+
 // ---- the widget and the network ---------------------------------------------
 
 WidgetState Widget();
@@ -201,6 +209,8 @@ const EventKind *FindEventKind(int number);
 // The path of the shipped sample text called name (with or without .xml);
 // empty when there is none.
 std::string EventSample(const std::string &name);
+// The text of that sample; a bad request naming the samples when there is none.
+std::string EventSampleText(const std::string &name);
 
 // What the host TV saw after an event.
 struct EventOutcome {

@@ -1,97 +1,120 @@
-// The answers of hosttv as JSON, for `--json` and the browser view.
-#include <cstdio>
-
-#include "hosttv/hosttv.h"
+// The answers of hosttv as JSON, for `--json` and the web view.
+#include "hosttv/json.h"
 
 namespace hosttv {
 
 namespace {
 
-std::string Optional(const std::optional<std::string> &text)
+JsonValue Optional(const std::optional<std::string> &text)
 {
-    return text ? JsonString(*text) : "null";
-}
-
-std::string Bool(bool b)
-{
-    return b ? "true" : "false";
+    return text ? JsonValue(*text) : JsonValue(nullptr);
 }
 
 } // namespace
 
+std::string Dump(const JsonValue &value)
+{
+    return value.dump(-1, ' ', false, JsonValue::error_handler_t::replace);
+}
+
 std::string JsonString(const std::string &text)
 {
-    std::string out = "\"";
-    for (size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        const unsigned char u = static_cast<unsigned char>(c);
-        if (u >= 0x80) {
-            // A JSON reader refuses broken UTF-8: such a byte becomes U+FFFD.
-            const size_t n = (u >> 5) == 6 ? 2 : (u >> 4) == 14 ? 3 : (u >> 3) == 30 ? 4 : 0;
-            size_t k = 1;
-            while (n && k < n && i + k < text.size() && (static_cast<unsigned char>(text[i + k]) & 0xC0) == 0x80)
-                ++k;
-            if (n && k == n) {
-                out.append(text, i, n);
-                i += n - 1;
-            } else {
-                out += "\\ufffd";
-            }
-        } else if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (u < 0x20 || u == 0x7F) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", u);
-            out += escaped;
-        } else {
-            out += c;
-        }
+    return Dump(JsonValue(text));
+}
+
+JsonValue ToJson(const Power &power)
+{
+    return {{"off", power.bOff}, {"kind", power.bOff ? JsonValue(power.kind) : JsonValue(nullptr)}};
+}
+
+JsonValue ToJson(const WidgetState &widget)
+{
+    return {{"app", std::string(kWidgetApp)}, {"installed", widget.bInstalled}, {"running", widget.bRunning}};
+}
+
+JsonValue ToJson(const Status &s)
+{
+    JsonValue service = {{"running", s.servicePid != 0},
+                         {"pid", s.servicePid ? JsonValue(s.servicePid) : JsonValue(nullptr)},
+                         {"popupsOnScreen", s.popupsOnScreen ? JsonValue(*s.popupsOnScreen) : JsonValue(nullptr)}};
+    return {{"service", service},   {"engine", {{"started", s.bEngineStarted}}}, {"widget", ToJson(s.widget)},
+            {"network", s.network}, {"language", Optional(s.language)},          {"power", ToJson(s.power)},
+            {"root", s.root}};
+}
+
+JsonValue ToJson(const tvhost::notifications::Record &r)
+{
+    JsonValue labels = JsonValue::array();
+    JsonValue icons = JsonValue::array();
+    for (int i = 0; i < r.buttonCount && i < static_cast<int>(r.buttonLabel.size()); ++i) {
+        labels.push_back(Optional(r.buttonLabel[i]));
+        icons.push_back(Optional(r.buttonIcon[i]));
     }
-    return out + "\"";
+    return {{"item", r.itemId},
+            {"app", Optional(r.appId)},
+            {"title", Optional(r.title)},
+            {"body", Optional(r.body)},
+            {"subText", Optional(r.subText)},
+            {"buttons", labels},
+            {"icons", icons}};
+}
+
+JsonValue ToJson(const std::vector<tvhost::notifications::Record> &records)
+{
+    JsonValue out = JsonValue::array();
+    for (const auto &r : records)
+        out.push_back(ToJson(r));
+    return out;
+}
+
+JsonValue ToJson(const tvhost::apps::Launch &launch)
+{
+    JsonValue extra = JsonValue::object();
+    for (const auto &kv : launch.extraData)
+        extra[kv.first] = kv.second;
+    return {{"app", launch.appId}, {"operation", launch.operation}, {"extraData", extra}, {"result", launch.result}};
+}
+
+JsonValue ToJson(const Press &press)
+{
+    JsonValue launches = JsonValue::array();
+    for (const auto &l : press.launches)
+        launches.push_back(ToJson(l));
+    return {{"label", Optional(press.label)}, {"launches", launches}};
+}
+
+JsonValue ToJson(const EventOutcome &outcome)
+{
+    return {{"answer", outcome.answer},
+            {"shown", ToJson(outcome.shown)},
+            {"powerOff", outcome.powerOff ? JsonValue(*outcome.powerOff) : JsonValue(nullptr)},
+            {"serviceEnded", outcome.bServiceEnded}};
 }
 
 std::string Json(const Power &power)
 {
-    return "{\"off\":" + Bool(power.bOff) + ",\"kind\":" + (power.bOff ? std::to_string(power.kind) : "null") + "}";
+    return Dump(ToJson(power));
 }
 
-std::string Json(const Status &s)
+std::string Json(const Status &status)
 {
-    std::string out = "{\"service\":{\"running\":" + Bool(s.servicePid != 0) +
-                      ",\"pid\":" + (s.servicePid ? std::to_string(s.servicePid) : "null") +
-                      ",\"popupsOnScreen\":" + (s.popupsOnScreen ? std::to_string(*s.popupsOnScreen) : "null") + "}";
-    out += ",\"engine\":{\"started\":" + Bool(s.bEngineStarted) + "}";
-    out += ",\"widget\":{\"app\":" + JsonString(kWidgetApp) + ",\"installed\":" + Bool(s.widget.bInstalled) +
-           ",\"running\":" + Bool(s.widget.bRunning) + "}";
-    out += ",\"network\":" + JsonString(s.network) + ",\"language\":" + Optional(s.language);
-    out += ",\"power\":" + Json(s.power) + ",\"root\":" + JsonString(s.root) + "}";
-    return out;
+    return Dump(ToJson(status));
 }
 
 std::string Json(const std::vector<const SettingKey *> &keys)
 {
-    std::string out;
+    JsonValue out = JsonValue::object();
     for (const SettingKey *key : keys) {
         const std::optional<std::string> value = GetSetting(*key);
-        out += (out.empty() ? "{" : ",") + JsonString(key->name) + ":" +
-               (value && key->bNumber ? *value : Optional(value));
+        // A number key's value is a number; an unset key is null.
+        out[key->name] = !value ? JsonValue(nullptr) : key->bNumber ? JsonValue(std::stoll(*value)) : JsonValue(*value);
     }
-    return out.empty() ? "{}" : out + "}";
+    return Dump(out);
 }
 
 std::string Json(const std::vector<tvhost::notifications::Record> &records)
 {
-    std::string out;
-    for (const auto &r : records) {
-        std::string buttons;
-        for (int i = 0; i < r.buttonCount && i < static_cast<int>(r.buttonLabel.size()); ++i)
-            buttons += (buttons.empty() ? "" : ",") + Optional(r.buttonLabel[i]);
-        out += (out.empty() ? "[" : ",") + std::string("{\"item\":") + std::to_string(r.itemId) +
-               ",\"app\":" + Optional(r.appId) + ",\"title\":" + Optional(r.title) + ",\"body\":" + Optional(r.body) +
-               ",\"subText\":" + Optional(r.subText) + ",\"buttons\":[" + buttons + "]}";
-    }
-    return out.empty() ? "[]" : out + "]";
+    return Dump(ToJson(records));
 }
 
 } // namespace hosttv

@@ -1,7 +1,11 @@
 // The TV's settings keys that the service reads.
+#include <algorithm>
+#include <filesystem>
+
 #include "hosttv/hosttv.h"
 #include "tvhost/parse.h"
 #include "tvhost/settings.h"
+#include "tvhost/tvhost.h"
 
 namespace hosttv {
 
@@ -93,6 +97,41 @@ void SetSetting(const SettingKey &key, const std::string &value, bool bForce)
         tvhost::settings::SetInt(key.name, ReadNumber(value, key.name));
     else
         tvhost::settings::SetString(key.name, value);
+}
+
+std::vector<Language> Languages()
+{
+    // The country a TV pairs with a catalogue named by language alone; where
+    // it is not the language's letters in capitals (de_DE, fr_FR).
+    static const std::pair<const char *, const char *> kCountries[] = {
+        {"en", "US"}, {"ko", "KR"}, {"ja", "JP"}, {"zh", "CN"}, {"sv", "SE"},
+        {"da", "DK"}, {"cs", "CZ"}, {"el", "GR"}, {"uk", "UA"}, {"he", "IL"},
+    };
+    std::vector<Language> languages;
+    std::error_code ec;
+    const std::string dir = tvhost::Root() + "/usr/apps/org.kelvar.lumora/res/locale";
+    for (const auto &entry : std::filesystem::directory_iterator(dir, ec)) {
+        const std::string name = entry.path().filename().string();
+        if (!std::filesystem::is_regular_file(entry.path() / "LC_MESSAGES/lumora.mo", ec))
+            continue;
+        std::string value = name;
+        if (name.find('_') == std::string::npos) {
+            std::string country;
+            for (const auto &c : kCountries)
+                if (name == c.first)
+                    country = c.second;
+            if (country.empty())
+                for (char c : name)
+                    country += static_cast<char>(IsLower(c) ? c - 'a' + 'A' : c);
+            value += "_" + country;
+        }
+        value += ".UTF-8";
+        if (IsLocale(value))
+            languages.push_back({name, value});
+    }
+    std::sort(languages.begin(), languages.end(),
+              [](const Language &a, const Language &b) { return a.catalogue < b.catalogue; });
+    return languages;
 }
 
 } // namespace hosttv

@@ -54,5 +54,7 @@ int Event(const Args &args);
 // replay.cpp
 int Scenario(const Args &args);
 int Replay(const Args &args);
+// web.cpp
+int Web(const Args &args);
 
 } // namespace lumoratv

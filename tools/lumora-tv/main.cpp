@@ -106,6 +106,10 @@ const Command kCommands[] = {
      "with the logged events and the viewer's actions, draws each pop-up, and compares; exit 1 when the host TV "
      "did something else",
      Replay},
+    {kTool, "web", "web [--listen ADDR:PORT] [--run [--scenario NAME]]", 0, kAny,
+     "the host TV in a browser, at 127.0.0.1:8080 unless told: its pop-ups to press, the engineer's panel, the "
+     "service's log, live; beside a service in another shell, or --run starts one (stopped with Ctrl-C)",
+     Web},
     {kTool, "help", "help [COMMAND]", 0, 1, "this text, or how to use COMMAND (also: lumora-tv COMMAND --help)", Help},
     {kTool, "version", "version", 0, 0, "the version of lumora-tv (also: lumora-tv --version)", Version},
 };
@@ -164,6 +168,11 @@ std::string Overview()
     out += "\nEvents the service acts on (event NUMBER SAMPLE), with their shipped sample texts:\n";
     for (const hosttv::EventKind &kind : hosttv::EventKinds())
         rows(std::to_string(kind.number) + " " + kind.sample, kind.what);
+    std::vector<std::string> languages;
+    for (const hosttv::Language &l : hosttv::Languages())
+        languages.push_back(l.value);
+    out +=
+        "\nLanguages the service has texts for (set db/menu_widget/language VALUE):\n  " + Join(languages, ", ") + "\n";
     const std::string self = SelfPath();
     out += "\n";
     for (const std::string &line :

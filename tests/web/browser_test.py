@@ -1,0 +1,166 @@
+"""The host TV page in headless chromium, driven as an engineer would.
+
+`lumora-tv web --run --scenario demo` serves the page and runs the service; the
+demo (played at half speed for room on a busy machine) shows a new-device
+pop-up, a device pop-up, another device pop-up, then switches the TV off. The
+page must show each pop-up with its buttons, press "Go to Lumora" through the
+service, switch the language so that the next pop-up speaks Korean, and show
+a device name holding markup as text.
+
+usage: browser_test.py LUMORA_TV SCREENSHOT CHROMEDRIVER
+"""
+import os
+import signal
+import socket
+import subprocess
+import sys
+import time
+
+from selenium import webdriver
+from selenium.common.exceptions import StaleElementReferenceException, TimeoutException
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.by import By
+from selenium.webdriver.support.ui import Select, WebDriverWait
+
+LUMORA_TV, SCREENSHOT, CHROMEDRIVER = sys.argv[1:4]
+WAIT = 60  # seconds: generous, the machine is shared
+HOSTILE_NAME = "<img src=x onerror=window.__pwned=1>"
+HOSTILE_EVENT = (
+    '<DeviceNotification id="n-x" type="Alarm">'
+    '<Device id="ac-x" type="Air Conditioner">&lt;img src=x onerror=window.__pwned=1&gt;</Device>'
+    "<Notification>&lt;b&gt;not bold&lt;/b&gt;</Notification>"
+    '<Action type="Widget">Open</Action><DisplayOption flag="On" condition="Always"/>'
+    "</DeviceNotification>"
+)
+
+
+def lumora_tv(*args):
+    return subprocess.run([LUMORA_TV, *args], capture_output=True, text=True, timeout=60)
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def popups(driver):
+    """What the page's TV screen shows: title and button labels of each pop-up."""
+    return driver.execute_script(
+        """return [...document.querySelectorAll('#popups .popup')].map(p => ({
+             title: p.querySelector('.title').textContent,
+             body: p.querySelector('.body').textContent,
+             buttons: [...p.querySelectorAll('button.press')].map(b => b.textContent)}));"""
+    )
+
+
+def wait_for(driver, what, condition):
+    try:
+        return WebDriverWait(driver, WAIT, poll_frequency=0.2).until(lambda d: condition(d))
+    except TimeoutException:
+        raise AssertionError(f"not seen within {WAIT} s: {what}; on screen: {popups(driver)}")
+
+
+def wait_for_popup(driver, title):
+    return wait_for(driver, f"a pop-up titled {title!r}",
+                    lambda d: next((p for p in popups(d) if p["title"] == title), None))
+
+
+def press(driver, title, label):
+    for _ in range(20):  # the page redraws the screen when it changes
+        try:
+            for popup in driver.find_elements(By.CSS_SELECTOR, "#popups .popup"):
+                if popup.find_element(By.CSS_SELECTOR, ".title").text == title:
+                    for button in popup.find_elements(By.CSS_SELECTOR, "button.press"):
+                        if button.text == label:
+                            button.click()
+                            return
+        except StaleElementReferenceException:
+            pass
+        time.sleep(0.2)
+    raise AssertionError(f"no button {label!r} on a pop-up {title!r}: {popups(driver)}")
+
+
+def text_of(driver, element_id):
+    return driver.find_element(By.ID, element_id).text
+
+
+def main():
+    assert lumora_tv("reset").returncode == 0, "a service runs on this host TV"
+    port = free_port()
+    log_path = os.path.join(os.path.dirname(SCREENSHOT), "web-browser-test.log")
+    env = dict(os.environ, QORV_SIM_SPEED="0.5", TVHOST_DRAW="0")
+    with open(log_path, "w") as log:
+        web = subprocess.Popen(
+            [LUMORA_TV, "web", "--run", "--scenario", "demo", "--listen", f"127.0.0.1:{port}"],
+            stdout=log, stderr=subprocess.STDOUT, env=env)
+    options = webdriver.ChromeOptions()
+    for arg in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
+                "--window-size=1400,1250"):
+        options.add_argument(arg)
+    driver = None
+    try:
+        driver = webdriver.Chrome(service=Service(CHROMEDRIVER), options=options)
+        url = f"http://127.0.0.1:{port}/"
+        deadline = time.time() + WAIT
+        while True:
+            try:
+                socket.create_connection(("127.0.0.1", port), timeout=1).close()
+                break
+            except OSError:
+                assert web.poll() is None and time.time() < deadline, open(log_path).read()
+                time.sleep(0.2)
+        driver.get(url)
+        wait_for(driver, "the engine started", lambda d: text_of(d, "engine") == "started")
+
+        # A device name with markup, through the page's event form: shown as text, run never.
+        Select(driver.find_element(By.ID, "event-source")).select_by_value("text")
+        number = driver.find_element(By.ID, "event-number")
+        number.clear()
+        number.send_keys("5")
+        driver.execute_script("document.getElementById('event-text').value = arguments[0];", HOSTILE_EVENT)
+        driver.find_element(By.ID, "event-send").click()
+        hostile = wait_for_popup(driver, HOSTILE_NAME)
+        assert hostile["body"] == "<b>not bold</b>", hostile
+        assert driver.execute_script("return window.__pwned") is None, "the device name ran as markup"
+        assert not driver.execute_script(
+            "return document.querySelector('#popups img:not([src^=\"/api/icon\"]), #popups b')"), \
+            "the device's texts became elements"
+
+        new_devices = wait_for_popup(driver, "New home appliance detected")
+        assert new_devices["buttons"] == ["Yes", "No"], new_devices
+
+        living = wait_for_popup(driver, "Living room")
+        assert living["buttons"] == ["Close", "Go to Lumora"], living
+        press(driver, "Living room", "Go to Lumora")
+        wait_for(driver, "the widget launched for ac-living",
+                 lambda d: "launched PzKmRvTqXa.Lumora with deviceID=ac-living" in text_of(d, "activity"))
+        widget = lumora_tv("widget")
+        assert "running" in widget.stdout and "not running" not in widget.stdout, widget.stdout
+        wait_for(driver, "the panel shows the widget running", lambda d: "running" in text_of(d, "widget"))
+
+        Select(driver.find_element(By.ID, "language-choice")).select_by_value("ko_KR.UTF-8")
+        wait_for(driver, "the language switched", lambda d: text_of(d, "language") == "ko_KR.UTF-8")
+        laundry = wait_for_popup(driver, "Laundry")
+        assert laundry["buttons"] == ["확인"], laundry
+        assert driver.execute_script("return window.__pwned") is None
+        driver.save_screenshot(SCREENSHOT)
+
+        wait_for(driver, "the TV switched off by the engine", lambda d: text_of(d, "power").startswith("switched off"))
+        web.send_signal(signal.SIGINT)
+        assert web.wait(timeout=WAIT) == 130, open(log_path).read()
+        print(f"ok: screenshot in {SCREENSHOT}")
+    finally:
+        if driver:
+            driver.quit()
+        if web.poll() is None:
+            web.send_signal(signal.SIGINT)
+            try:
+                web.wait(timeout=30)
+            except subprocess.TimeoutExpired:
+                web.kill()
+        lumora_tv("reset")
+
+
+if __name__ == "__main__":
+    main()
