@@ -180,7 +180,20 @@ TEST_F(LumoraWeb, RefusesForeignPagesLargeBodiesAndBadJsonWithAText)
     const auto res = client.Get("/api/state", {{"Host", "attacker.example"}});
     ASSERT_TRUE(res);
     EXPECT_EQ(res->status, 403);
+
+    // The page starts a service, once; Ctrl-C of the server ends it too.
+    const auto unknown = client.Post("/api/start", "{\"scenario\":\"nope\"}", "application/json");
+    ASSERT_TRUE(unknown);
+    EXPECT_EQ(unknown->status, 400) << unknown->body;
+    const auto started = client.Post("/api/start", "{\"scenario\":\"quiet\"}", "application/json");
+    ASSERT_TRUE(started && started->status == 200) << (started ? started->body : "no answer");
+    const int pid = Json::parse(started->body)["pid"];
+    const auto again = client.Post("/api/start", "{}", "application/json");
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->status, 409) << again->body;
+    EXPECT_NE(again->body.find("already runs"), std::string::npos) << again->body;
     EXPECT_EQ(web.Interrupt(), 130);
+    EXPECT_NE(kill(pid, 0), 0) << "the page's service outlived its server";
 }
 
 TEST_F(LumoraWeb, OpenPagesStayInStepAndAClosedOneFreesItsPlace)

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sys/file.h>
 #include <thread>
+#include <linux/close_range.h>
 #include <unistd.h>
 
 #include "hosttv/hosttv.h"
@@ -222,6 +223,12 @@ int StartService(const RunPlan &plan)
                 pwrite(plan.lockFd, digits + n, sizeof digits - n, 0) != static_cast<ssize_t>(sizeof digits - n))
                 _exit(127);
         }
+        // Nothing of the starter's but the lock reaches the service: a web
+        // server's sockets would otherwise outlive it there.
+        const unsigned lockFd = plan.lockFd >= 3 ? static_cast<unsigned>(plan.lockFd) : 2;
+        if (lockFd > 3)
+            close_range(3, lockFd - 1, CLOSE_RANGE_CLOEXEC);
+        close_range(lockFd + 1, ~0U, CLOSE_RANGE_CLOEXEC);
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);

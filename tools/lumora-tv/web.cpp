@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -20,6 +21,55 @@ std::string ServiceEnd(int status)
         return "exit status " + std::to_string(WEXITSTATUS(status));
     return std::string("signal ") + strsignal(WTERMSIG(status));
 }
+
+// The service this process started (--run, or the page's Start), which it
+// reaps and stops on Ctrl-C. One at a time: the run lock refuses a second.
+class Child {
+public:
+    int Start(const std::string &scenario)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        const hosttv::RunPlan plan = hosttv::PrepareRun(scenario);
+        std::fprintf(stderr, "lumora-tv: the engine plays scenario \"%s\" (%s): %s\n", plan.scenario.c_str(),
+                     plan.why.c_str(), hosttv::ScenarioText(plan.scenario).c_str());
+        m_pid = hosttv::StartService(plan);
+        std::fprintf(stderr, "lumora-tv: started %s (pid %d); Ctrl-C here ends it with the page\n", plan.binary.c_str(),
+                     m_pid);
+        return m_pid;
+    }
+    // Reaps what ended; says so when it was the service.
+    void Reap()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        int status = 0;
+        for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
+            if (pid != m_pid)
+                continue;
+            std::fprintf(stderr, "lumora-tv: the service (pid %d) ended: %s; the page stays until Ctrl-C\n", pid,
+                         ServiceEnd(status).c_str());
+            m_pid = 0;
+        }
+    }
+    // Ends the service it started, if it runs; bSignalled: the terminal's
+    // Ctrl-C reached it already.
+    void Stop(bool bSignalled)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_pid)
+            return;
+        std::fprintf(stderr, "%sstopping: the watchdog timer may take up to 6 s\n", isatty(STDERR_FILENO) ? "\n" : "");
+        if (!bSignalled)
+            kill(m_pid, SIGTERM);
+        int status = 0;
+        while (waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {}
+        std::fprintf(stderr, "lumora-tv: the service (pid %d) ended: %s\n", m_pid, ServiceEnd(status).c_str());
+        m_pid = 0;
+    }
+
+private:
+    std::mutex m_mutex;
+    int m_pid = 0;
+};
 
 } // namespace
 
@@ -47,7 +97,8 @@ int Web(const Args &args)
     hostweb::Options options;
     options.listen = *listen;
     options.wwwDir = hostweb::DefaultWwwDir();
-    options.bRun = bRun;
+    Child child;
+    options.start = [&child](const std::string &name) { return child.Start(name); };
     if (access((options.wwwDir + "/index.html").c_str(), R_OK) != 0)
         throw hosttv::Error(hosttv::Error::Kind::kCannot,
                             "the page's files are missing: " + options.wwwDir + "/index.html; build this tree first");
@@ -69,15 +120,8 @@ int Web(const Args &args)
     for (int sig : {SIGINT, SIGTERM, SIGCHLD})
         sigaddset(&wanted, sig);
     sigprocmask(SIG_BLOCK, &wanted, nullptr);
-    int pid = 0;
-    if (bRun) {
-        const hosttv::RunPlan plan = hosttv::PrepareRun(scenario);
-        std::fprintf(stderr, "lumora-tv: the engine plays scenario \"%s\" (%s): %s\n", plan.scenario.c_str(),
-                     plan.why.c_str(), hosttv::ScenarioText(plan.scenario).c_str());
-        pid = hosttv::StartService(plan);
-        std::fprintf(stderr, "lumora-tv: started %s (pid %d); Ctrl-C here ends it with the page\n", plan.binary.c_str(),
-                     pid);
-    }
+    if (bRun)
+        child.Start(scenario);
 
     const std::vector<std::string> urls = server.Urls();
     std::printf("lumora-tv: the host TV in a browser: open %s\n", urls[0].c_str());
@@ -90,31 +134,19 @@ int Web(const Args &args)
     std::fflush(stdout);
     std::thread serving([&server] { server.Serve(); });
 
-    // Serves until Ctrl-C or SIGTERM; a service of --run that ends meanwhile
-    // (the engine switched the TV off) leaves the page up to show it.
+    // Serves until Ctrl-C or SIGTERM; a service it started that ends
+    // meanwhile (the engine switched the TV off) leaves the page up to show it.
     siginfo_t info{};
     for (;;) {
         if (sigwaitinfo(&wanted, &info) < 0)
             continue;
-        int status = 0;
         if (info.si_signo != SIGCHLD)
             break;
-        if (pid && waitpid(pid, &status, WNOHANG) == pid) {
-            std::fprintf(stderr, "lumora-tv: the service (pid %d) ended: %s; the page stays until Ctrl-C\n", pid,
-                         ServiceEnd(status).c_str());
-            pid = 0;
-        }
+        child.Reap();
     }
-    if (pid) {
-        std::fprintf(stderr, "%sstopping: the watchdog timer may take up to 6 s\n", isatty(STDERR_FILENO) ? "\n" : "");
-        // The terminal's Ctrl-C reached the service too; a signal sent to
-        // this process alone did not.
-        if (info.si_code != SI_KERNEL)
-            kill(pid, SIGTERM);
-        int status = 0;
-        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {}
-        std::fprintf(stderr, "lumora-tv: the service (pid %d) ended: %s\n", pid, ServiceEnd(status).c_str());
-    }
+    // The terminal's Ctrl-C reached the service too; a signal sent to this
+    // process alone did not.
+    child.Stop(info.si_code == SI_KERNEL);
     server.Stop();
     serving.join();
     return 128 + info.si_signo;

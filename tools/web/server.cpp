@@ -441,6 +441,14 @@ struct Server::Impl {
         Post("/api/stop", [](const JsonValue &) {
             return JsonValue{{"pid", hosttv::StopService(std::chrono::seconds(15))}};
         });
+        Post("/api/start", [this](const JsonValue &body) {
+            if (!options.start)
+                throw ApiError{409, "this page's server cannot start the service: use lumora-tv run"};
+            const std::string scenario = body.contains("scenario") ? StringField(body, "scenario") : "";
+            const int pid = options.start(scenario);
+            hub.AddActivity({{"kind", "start"}, {"pid", pid}, {"scenario", scenario}});
+            return JsonValue{{"pid", pid}};
+        });
         Post("/api/reset", [](const JsonValue &) {
             hosttv::Reset();
             return JsonValue::object();
@@ -459,15 +467,19 @@ struct Server::Impl {
         JsonValue languages = JsonValue::array();
         for (const hosttv::Language &l : hosttv::Languages())
             languages.push_back({{"catalogue", l.catalogue}, {"value", l.value}});
+        JsonValue scenarios = JsonValue::array();
+        for (const std::string &name : hosttv::Scenarios())
+            scenarios.push_back({{"name", name}, {"what", hosttv::ScenarioText(name)}});
         JsonValue events = JsonValue::array();
         for (const hosttv::EventKind &k : hosttv::EventKinds())
             events.push_back({{"number", k.number}, {"sample", k.sample}, {"what", k.what}});
         return {{"languages", languages},
                 {"events", events},
+                {"scenarios", scenarios},
+                {"defaultScenario", std::string(hosttv::kDefaultScenario)},
                 {"networks", {"wifi", "ethernet", "none", "auto"}},
                 {"widget", std::string(hosttv::kWidgetApp)},
-                {"log", hosttv::LogPath()},
-                {"run", options.bRun}};
+                {"log", hosttv::LogPath()}};
     }
 
     // A button's icon: only a file that a pop-up on screen names, inside the TV root.
@@ -534,8 +546,11 @@ struct Server::Impl {
             try {
                 const hosttv::Status s = hosttv::ReadStatus();
                 status = hosttv::ToJson(s);
+                // A service just started answers a moment later: no pop-ups yet.
                 if (s.servicePid)
-                    popups = hosttv::Popups();
+                    try {
+                        popups = hosttv::Popups();
+                    } catch (const hosttv::Error &) {}
             } catch (const std::exception &e) {
                 status = {{"error", e.what()}};
             }

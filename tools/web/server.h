@@ -5,6 +5,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,7 +29,9 @@ struct Options {
     size_t maxBody = 256 * 1024; // larger request bodies are refused (413)
     int maxStreams = 8;          // open pages at once; one more is refused (503)
     std::chrono::milliseconds poll{250};
-    bool bRun = false; // this process started the service (shown on the page)
+    // Starts the service, as this process's child, with a scenario (empty:
+    // the default one); its pid. Unset: the page cannot start one.
+    std::function<int(const std::string &scenario)> start;
 };
 
 class Server {

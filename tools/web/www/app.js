@@ -57,6 +57,7 @@ function activityText(a) {
     return `pressed ${label} of pop-up #${a.item}: the service ${launches}`;
   }
   if (a.kind === 'timeout') return `pop-up #${a.item} timed out`;
+  if (a.kind === 'start') return `the page started the service (pid ${a.pid}), scenario ${a.scenario || 'by default'}`;
   if (a.kind === 'event') {
     const o = a.outcome;
     const parts = [`event ${a.number}: the service answered ${o.answer}`];
@@ -121,6 +122,8 @@ function render(state) {
   $('root').textContent = `TV root ${s.root}`;
   const service = $('service');
   yesNo(service, s.service.running, `running (pid ${s.service.pid})`, 'not running');
+  for (const id of ['start', 'scenario-choice']) $(id).hidden = s.service.running;
+  $('stop').hidden = !s.service.running;
   yesNo($('engine'), s.engine.started, 'started', 'not started');
   const w = s.widget;
   $('widget').textContent = `${w.app}: ${w.installed ? 'installed' : 'not installed'}, ${w.running ? 'running' : 'closed'}`;
@@ -212,6 +215,14 @@ async function setUp() {
 
   for (const button of document.querySelectorAll('[data-widget]'))
     button.addEventListener('click', () => act('/api/widget', { action: button.dataset.widget }));
+  const scenario = $('scenario-choice');
+  for (const sc of info.scenarios)
+    scenario.append(el('option', { value: sc.name, text: sc.name, title: sc.what }));
+  scenario.value = info.defaultScenario;
+  $('start').addEventListener('click', async () => {
+    const answer = await act('/api/start', { scenario: scenario.value });
+    if (answer) say(`started the service (pid ${answer.pid}) with scenario ${scenario.value}`);
+  });
   $('stop').addEventListener('click', async () => {
     say('stopping the service: its watchdog timer may take up to 6 s');
     if (await act('/api/stop')) say('the service ended');
@@ -257,7 +268,7 @@ async function setUp() {
 
   $('log-level').addEventListener('change', refilterLog);
   $('log-filter').addEventListener('input', refilterLog);
-  $('log-note').textContent = `kept in ${info.log} by a service that lumora-tv run or web --run started`;
+  $('log-note').textContent = `kept in ${info.log} by a service that lumora-tv run, web --run or Start above began`;
 
   const link = $('link');
   const stream = new EventSource('/api/events');
