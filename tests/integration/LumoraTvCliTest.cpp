@@ -4,12 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cctype>
 #include <csignal>
 #include <filesystem>
-#include <map>
-#include <optional>
 #include <sstream>
+#include <nlohmann/json.hpp>
 #include <sys/wait.h>
 
 #include "LumoraTv.h"
@@ -21,87 +19,13 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// A small JSON reader: every scalar as "path=value" ("a.b=1", "[0].item=2",
-// strings unquoted), or nothing when the text is not one JSON value.
-class Json {
-public:
-    static std::optional<std::map<std::string, std::string>> Flatten(const std::string &text)
-    {
-        Json j{text};
-        if (!j.Value("") || (j.Blanks(), j.m_at != text.size()))
-            return std::nullopt;
-        return j.m_out;
-    }
-
-private:
-    explicit Json(const std::string &text) : m_text(text) {}
-    void Blanks()
-    {
-        while (m_at < m_text.size() && std::isspace(static_cast<unsigned char>(m_text[m_at])))
-            ++m_at;
-    }
-    bool Take(char c) { return Blanks(), m_at < m_text.size() && m_text[m_at] == c ? (++m_at, true) : false; }
-    bool String(std::string &out)
-    {
-        if (!Take('"'))
-            return false;
-        for (out.clear(); m_at < m_text.size() && m_text[m_at] != '"'; ++m_at) {
-            const unsigned char c = static_cast<unsigned char>(m_text[m_at]);
-            if (c < 0x20)
-                return false;
-            if (c == '\\' && ++m_at < m_text.size() && m_text[m_at] == 'u')
-                m_at += 4, out += '?';
-            else
-                out += m_text[m_at];
-        }
-        return m_at < m_text.size() && m_text[m_at++] == '"';
-    }
-    bool Value(const std::string &path)
-    {
-        std::string s;
-        if (Take('{')) {
-            if (Take('}'))
-                return true;
-            do {
-                if (!String(s) || !Take(':') || !Value(path.empty() ? s : path + "." + s))
-                    return false;
-            } while (Take(','));
-            return Take('}');
-        }
-        if (Take('[')) {
-            if (Take(']'))
-                return true;
-            int i = 0;
-            do {
-                if (!Value(path + "[" + std::to_string(i++) + "]"))
-                    return false;
-            } while (Take(','));
-            return Take(']');
-        }
-        Blanks();
-        if (m_at < m_text.size() && m_text[m_at] == '"')
-            return String(s) && (m_out[path] = s, true);
-        const size_t start = m_at;
-        while (m_at < m_text.size() &&
-               (std::isalnum(static_cast<unsigned char>(m_text[m_at])) || m_text[m_at] == '-' || m_text[m_at] == '.'))
-            ++m_at;
-        s = m_text.substr(start, m_at - start);
-        const bool bNumber = !s.empty() && s.find_first_not_of("-0123456789.eE") == std::string::npos;
-        return (bNumber || s == "true" || s == "false" || s == "null") && (m_out[path] = s, true);
-    }
-
-    const std::string &m_text;
-    size_t m_at = 0;
-    std::map<std::string, std::string> m_out;
-};
-
 struct Case {
     std::vector<std::string> args;
     int status;
     std::string part;       // in the output (stdout, else stderr) ...
     bool bOut = false;      // ... of stdout
     std::string input = ""; // standard input
-    std::string json = "";  // "path=value" that the JSON output must hold
+    std::string json = "";  // "JSON-pointer=value" that the JSON output must hold
 };
 
 void Check(const std::vector<Case> &cases)
@@ -115,11 +39,12 @@ void Check(const std::vector<Case> &cases)
             EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << "one line\n" << desc;
         }
         if (!c.json.empty()) {
-            const auto flat = Json::Flatten(r.out);
-            ASSERT_TRUE(flat) << "not JSON\n" << desc;
-            const std::string &pair = c.json;
-            const auto it = flat->find(pair.substr(0, pair.find('=')));
-            EXPECT_TRUE(it != flat->end() && it->first + "=" + it->second == pair) << pair << "\n" << desc;
+            const nlohmann::json out = nlohmann::json::parse(r.out, nullptr, false);
+            ASSERT_FALSE(out.is_discarded()) << "not JSON\n" << desc;
+            const nlohmann::json::json_pointer at(c.json.substr(0, c.json.find('=')));
+            const std::string want = c.json.substr(c.json.find('=') + 1);
+            ASSERT_TRUE(out.contains(at)) << c.json << "\n" << desc;
+            EXPECT_EQ(out[at].is_string() ? out[at].get<std::string>() : out[at].dump(), want) << desc;
         }
     }
 }
@@ -147,9 +72,9 @@ TEST_F(LumoraTvCli, WrongUsesAndAnswersWithoutAService)
         {{"set", "db/menu_widget/language", "x"}, 1, "lumora-tv set --force"},
         {{"set", "--force", "db/menu_widget/language", "x"}, 0, "db/menu_widget/language = x", true},
         {{"get", "db/menu_widget/language"}, 0, "x\n", true},
-        {{"get", "--json"}, 0, "", true, "", "db/menu_widget/language=x"},
+        {{"get", "--json"}, 0, "", true, "", "/db~1menu_widget~1language=x"},
         {{"status"}, 3, "service:   not running", true},
-        {{"status", "--json"}, 3, "", true, "", "service.running=false"},
+        {{"status", "--json"}, 3, "", true, "", "/service/running=false"},
         {{"event", "0x5", "alarm"}, 2, "bad event number \"0x5\""},
         {{"event", "5", "/"}, 1, "/ is a directory"},
         {{"event", "5", "alarm.txt"}, 1, "no such file, nor a shipped sample; the samples are: registered-devices (0)"},
@@ -167,7 +92,7 @@ TEST_F(LumoraTvCli, OneServiceItsPopupsLeaveTheScreenWhenAnsweredAndItsStateAsJs
     Check({
         {{"run", "--scenario", "demo"}, 1, "the service already runs on this host TV (pid " + pid + ")"},
         {{"reset"}, 1, "the service runs (pid " + pid + ")"},
-        {{"status", "--json"}, 0, "", true, "", "service.pid=" + pid},
+        {{"status", "--json"}, 0, "", true, "", "/service/pid=" + pid},
         {{"event", "1", "new-devices"}, 0, "pop-up #1 shown: New home appliance detected [ Yes ] [ No ]", true},
         {{"event", "5", "alarm"}, 0, "pop-up #2 shown: Living room [ Close ] [ Go to Lumora ]", true},
         {{"event", "5", "-"}, 0, "no pop-up shown", true, "<DeviceNotification/>"},
@@ -176,12 +101,12 @@ TEST_F(LumoraTvCli, OneServiceItsPopupsLeaveTheScreenWhenAnsweredAndItsStateAsJs
          "warning: the standard input holds a NUL byte (at byte 4)",
          false,
          std::string("<a/>\0", 5)},
-        {{"notifications", "--json"}, 0, "", true, "", "[1].buttons[1]=Go to Lumora"},
+        {{"notifications", "--json"}, 0, "", true, "", "/1/buttons/1=Go to Lumora"},
         {{"press", "1", "0"}, 0, "pressed [ Yes ] (button 0) of pop-up #1", true},
         {{"press", "1", "1"}, 1, "no pop-up #1 on screen (1 on screen: #2)"},
         {{"timeout", "2"}, 0, "pop-up #2 timed out", true},
         {{"timeout", "2"}, 1, "no pop-up #2 on screen (nothing is on screen)"},
-        {{"power", "--json"}, 0, "", true, "", "off=false"},
+        {{"power", "--json"}, 0, "", true, "", "/off=false"},
         {{"event", "12291", "power-off"}, 0, "the TV was switched off (power-off request of kind 3)", true},
         {{"power"}, 3, "off: the TV was switched off", true},
     });
