@@ -2,12 +2,12 @@
 // step over their event streams, beside a service a supervisor runs.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <condition_variable>
+#include <arpa/inet.h>
 #include <csignal>
 #include <httplib.h>
-#include <mutex>
 #include <nlohmann/json.hpp>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -20,123 +20,60 @@ using Json = nlohmann::json;
 
 namespace {
 
-// `lumora-tv web` on a free port of the loopback; ended with Ctrl-C.
-class WebServer {
-public:
-    WebServer()
-    {
-        int out[2];
-        if (pipe(out) != 0)
-            throw std::runtime_error("pipe failed");
-        const std::string binary = LumoraTvBinary();
-        const char *argv[] = {binary.c_str(), "web", "--listen", "127.0.0.1:0", nullptr};
-        m_pid = fork();
-        if (m_pid == 0) {
-            dup2(out[1], STDOUT_FILENO);
-            close(out[0]);
-            execv(argv[0], const_cast<char **>(argv));
-            _exit(127);
-        }
-        close(out[1]);
-        // "lumora-tv: the host TV in a browser: open http://127.0.0.1:PORT/"
-        std::string line;
-        char c = 0;
-        while (read(out[0], &c, 1) == 1 && c != '\n')
-            line += c;
-        close(out[0]);
-        const size_t at = line.find("http://127.0.0.1:");
-        if (at == std::string::npos)
-            throw std::runtime_error("lumora-tv web said: " + line);
-        port = std::stoi(line.substr(at + 17));
-    }
-    ~WebServer()
-    {
-        if (m_pid > 0) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-        }
-    }
-    // Ctrl-C: its exit status.
-    int Interrupt()
-    {
-        kill(m_pid, SIGINT);
-        int status = 0;
-        waitpid(m_pid, &status, 0);
-        m_pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    int port = 0;
+// `lumora-tv web` on a free port of the loopback: the port it chose.
+int StartWeb(Supervisor &web)
+{
+    web.Spawn({LumoraTvBinary(), "web", "--listen", "127.0.0.1:0"});
+    const std::string open = "open http://127.0.0.1:";
+    if (!web.WaitForLog(open, 20s))
+        throw std::runtime_error("lumora-tv web said: " + web.Log());
+    return std::atoi(web.Log().c_str() + web.Log().find(open) + open.size());
+}
 
-private:
-    pid_t m_pid = -1;
-};
+// Ctrl-C of the server alone: its exit status.
+int Interrupt(Supervisor &web)
+{
+    kill(web.RunPid(), SIGINT);
+    const int status = web.Wait(30s);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
-// One open page's event stream, read on a thread of its own.
+// One open page's event stream on a plain socket; read only when waited on,
+// the kernel keeps what the server sends meanwhile.
 class Stream {
 public:
-    Stream(int port, const std::string &origin = "")
+    explicit Stream(int port, const std::string &origin = "") : m_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
-        m_thread = std::thread([this, port, origin] {
-            httplib::Client client("127.0.0.1", port);
-            client.set_read_timeout(30, 0);
-            httplib::Headers headers;
-            if (!origin.empty())
-                headers.emplace("Origin", origin);
-            auto res = client.Get(
-                "/api/events", headers,
-                [this](const httplib::Response &r) {
-                    std::lock_guard<std::mutex> lock(m_mutex);
-                    m_status = r.status;
-                    m_seen.notify_all();
-                    return r.status == 200;
-                },
-                [this](const char *data, size_t n) {
-                    std::lock_guard<std::mutex> lock(m_mutex);
-                    m_text.append(data, n);
-                    m_seen.notify_all();
-                    return !m_bClosing;
-                });
-            std::lock_guard<std::mutex> lock(m_mutex);
-            if (res && m_status == 0)
-                m_status = res->status;
-            m_bEnded = true;
-            m_seen.notify_all();
-        });
+        struct sockaddr_in addr = {};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(static_cast<uint16_t>(port));
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const std::string request = "GET /api/events HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) +
+                                    "\r\nConnection: close\r\n" + (origin.empty() ? "" : "Origin: " + origin + "\r\n") +
+                                    "\r\n";
+        if (connect(m_fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0 ||
+            write(m_fd, request.data(), request.size()) != static_cast<ssize_t>(request.size()))
+            throw std::runtime_error("cannot open an event stream");
     }
-    ~Stream()
-    {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_bClosing = true;
-        }
-        m_thread.join();
-    }
-    // The HTTP status once the answer began.
-    int Status()
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_seen.wait_for(lock, 20s, [&] { return m_status != 0 || m_bEnded; });
-        return m_status;
-    }
+    ~Stream() { close(m_fd); }
+    // Reads on until the text holds part; false after 20 s without data or at the end.
     bool WaitFor(const std::string &part)
     {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_seen.wait_for(lock, 20s, [&] { return m_text.find(part) != std::string::npos; });
+        char buf[65536];
+        for (struct pollfd pfd = {m_fd, POLLIN, 0}; text.find(part) == std::string::npos;) {
+            const ssize_t n = poll(&pfd, 1, 20000) == 1 ? read(m_fd, buf, sizeof buf) : -1;
+            if (n <= 0)
+                return false;
+            text.append(buf, static_cast<size_t>(n));
+        }
+        return true;
     }
-    std::string Text()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_text;
-    }
+    // The HTTP status of the answer.
+    int Status() { return WaitFor("\r\n") ? std::atoi(text.c_str() + 9) : 0; }
+    std::string text;
 
 private:
-    std::mutex m_mutex;
-    std::condition_variable m_seen;
-    std::string m_text;
-    int m_status = 0;
-    bool m_bClosing = false;
-    bool m_bEnded = false;
-    std::thread m_thread;
+    int m_fd;
 };
 
 class LumoraWeb : public ::testing::Test {
@@ -149,9 +86,10 @@ protected:
 
 TEST_F(LumoraWeb, RefusesForeignPagesLargeBodiesAndBadJsonWithAText)
 {
-    WebServer web;
-    httplib::Client client("127.0.0.1", web.port);
-    const std::string own = "http://127.0.0.1:" + std::to_string(web.port);
+    Supervisor web;
+    const int port = StartWeb(web);
+    httplib::Client client("127.0.0.1", port);
+    const std::string own = "http://127.0.0.1:" + std::to_string(port);
     struct Case {
         const char *what;
         httplib::Headers headers;
@@ -160,7 +98,7 @@ TEST_F(LumoraWeb, RefusesForeignPagesLargeBodiesAndBadJsonWithAText)
         std::string error; // part of the JSON error text
     };
     const std::vector<Case> cases = {
-        {"foreign Host", {{"Host", "attacker.example:" + std::to_string(web.port)}}, "{\"item\":1}", 403, "Host"},
+        {"foreign Host", {{"Host", "attacker.example:" + std::to_string(port)}}, "{\"item\":1}", 403, "Host"},
         {"foreign Origin", {{"Origin", "http://attacker.example"}}, "{\"item\":1}", 403, "attacker.example"},
         {"Origin of another port", {{"Origin", "http://127.0.0.1:1"}}, "{\"item\":1}", 403, "may not drive"},
         {"body over the limit", {{"Origin", own}}, std::string(300 * 1024, ' '), 413, "limit"},
@@ -192,26 +130,26 @@ TEST_F(LumoraWeb, RefusesForeignPagesLargeBodiesAndBadJsonWithAText)
     ASSERT_TRUE(again);
     EXPECT_EQ(again->status, 409) << again->body;
     EXPECT_NE(again->body.find("already runs"), std::string::npos) << again->body;
-    EXPECT_EQ(web.Interrupt(), 130);
+    EXPECT_EQ(Interrupt(web), 130);
     EXPECT_NE(kill(pid, 0), 0) << "the page's service outlived its server";
 }
 
 TEST_F(LumoraWeb, OpenPagesStayInStepAndAClosedOneFreesItsPlace)
 {
-    Supervisor tv;
+    Supervisor tv, web;
     tv.Start({});
     ASSERT_TRUE(tv.WaitForLog(">Success to start qorv!", 20s)) << tv.Log();
-    WebServer web;
-    httplib::Client client("127.0.0.1", web.port);
+    const int port = StartWeb(web);
+    httplib::Client client("127.0.0.1", port);
 
-    auto first = std::make_unique<Stream>(web.port);
-    Stream second(web.port, "http://localhost:" + std::to_string(web.port));
+    auto first = std::make_unique<Stream>(port);
+    Stream second(port, "http://localhost:" + std::to_string(port));
     ASSERT_EQ(first->Status(), 200);
     ASSERT_EQ(second.Status(), 200);
     const auto raised = client.Post("/api/event", "{\"number\":5,\"sample\":\"alarm\"}", "application/json");
     ASSERT_TRUE(raised && raised->status == 200) << (raised ? raised->body : "no answer");
     for (Stream *s : {first.get(), &second})
-        EXPECT_TRUE(s->WaitFor("\"title\":\"Living room\"")) << s->Text();
+        EXPECT_TRUE(s->WaitFor("\"title\":\"Living room\"")) << s->text;
 
     // "Go to Lumora": the press goes through the service, and every page sees what it launched.
     const auto pressed = client.Post("/api/press", "{\"item\":1,\"button\":1}", "application/json");
@@ -221,28 +159,24 @@ TEST_F(LumoraWeb, OpenPagesStayInStepAndAClosedOneFreesItsPlace)
     EXPECT_EQ(press["launches"][0]["app"], "PzKmRvTqXa.Lumora");
     EXPECT_EQ(press["launches"][0]["extraData"]["deviceID"], "ac-living") << pressed->body;
     for (Stream *s : {first.get(), &second})
-        EXPECT_TRUE(s->WaitFor("\"kind\":\"press\"")) << s->Text();
+        EXPECT_TRUE(s->WaitFor("\"kind\":\"press\"")) << s->text;
 
     // Eight pages at once; a ninth is told to close one; a closed page makes room.
     std::vector<std::unique_ptr<Stream>> more;
     for (int i = 0; i < 6; ++i) {
-        more.push_back(std::make_unique<Stream>(web.port));
+        more.push_back(std::make_unique<Stream>(port));
         ASSERT_EQ(more.back()->Status(), 200);
     }
-    {
-        Stream refused(web.port);
-        EXPECT_EQ(refused.Status(), 503);
-    }
+    EXPECT_EQ(Stream(port).Status(), 503);
     first.reset();
     bool bAdmitted = false;
     for (int i = 0; i < 50 && !bAdmitted; ++i) {
-        Stream again(web.port);
-        bAdmitted = again.Status() == 200;
+        bAdmitted = Stream(port).Status() == 200;
         if (!bAdmitted)
             std::this_thread::sleep_for(200ms);
     }
     EXPECT_TRUE(bAdmitted) << "a closed page still holds its place";
     more.clear();
-    EXPECT_EQ(web.Interrupt(), 130);
+    EXPECT_EQ(Interrupt(web), 130);
     tv.Terminate();
 }

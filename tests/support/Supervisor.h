@@ -37,6 +37,8 @@ public:
     void Start(const std::vector<std::string> &runArgs, const std::vector<std::string> &env = {});
     // Runs the service binary itself, with these arguments, as systemd does.
     void StartService(const std::vector<std::string> &args, const std::vector<std::string> &env = {});
+    // Runs argv[0] with its arguments, its output in the log, as the others do.
+    void Spawn(std::vector<std::string> argv, const std::vector<std::string> &env = {});
     // The service's pid; RunPid() the process this started (`lumora-tv run`,
     // or the service itself), whose end Wait and Ended see.
     pid_t Pid() const { return m_pidService; }
@@ -68,7 +70,6 @@ public:
     }
 
 private:
-    void Spawn(std::vector<std::string> argv, const std::vector<std::string> &env);
     // Reaps the child once its pidfd says it ended.
     void Reap();
     // Appends what the log gained since the last read.
