@@ -1,9 +1,11 @@
-// lumora-tv as a newcomer uses it: each wrong use gets its message and exit
-// status, pop-ups leave the screen when answered, one service per host TV,
-// what --json prints parses, the service's log, and Ctrl-C on `run`.
+// lumora-tv as a newcomer uses it: the shared host TV state it writes for the
+// service to see, each wrong use with its message and exit status, pop-ups
+// leave the screen when answered, one service per host TV, what --json prints
+// parses, the service's log, and Ctrl-C on `run`.
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <device/power.h>
+
 #include <csignal>
 #include <filesystem>
 #include <sstream>
@@ -12,12 +14,18 @@
 
 #include "LumoraTv.h"
 #include "Supervisor.h"
-#include "tvhost/notifications.h"
+#include "tvhost/apps.h"
+#include "tvhost/network.h"
+#include "tvhost/power.h"
+#include "tvhost/settings.h"
 #include "tvhost/tvhost.h"
 
 using namespace std::chrono_literals;
 
 namespace {
+
+const char kWidget[] = "PzKmRvTqXa.Lumora";
+const char kNotRunning[] = "lumora-tv: the service is not running on this host TV; start it with: lumora-tv run";
 
 struct Case {
     std::vector<std::string> args;
@@ -57,7 +65,30 @@ protected:
 
 } // namespace
 
-TEST_F(LumoraTvCli, WrongUsesAndAnswersWithoutAService)
+TEST_F(LumoraTvCli, ResetLeavesTheFreshHostTvAfterAnotherProcesssPowerOff)
+{
+    ASSERT_EQ(device_power_request_poweroff(3), 0) << "no main loop here: only the record is written";
+    EXPECT_EQ(LumoraTv({"power"}).out, "off: the TV was switched off (power-off request of kind 3)\n");
+    EXPECT_EQ(tvhost::power::Recorded(), std::vector<int>{3});
+    EXPECT_NE(LumoraTv({"status"}).out.find("power:     off"), std::string::npos);
+    ASSERT_EQ(LumoraTv({"set", "db/menu_widget/language", "ko_KR.UTF-8"}).status, 0);
+    std::filesystem::create_directories(tvhost::Root() + "/opt/usr/apps/org.kelvar.lumora/data");
+
+    const LumoraTvResult r = LumoraTv({"reset"});
+    ASSERT_EQ(r.status, 0) << Describe({"reset"}, r);
+    std::string language;
+    EXPECT_TRUE(tvhost::settings::GetString("db/menu_widget/language", language));
+    EXPECT_EQ(language, "en_US.UTF-8");
+    EXPECT_TRUE(tvhost::apps::IsInstalled(kWidget));
+    EXPECT_FALSE(tvhost::apps::IsRunning(kWidget));
+    EXPECT_EQ(tvhost::network::CurrentType(), 3);
+    EXPECT_FALSE(std::filesystem::exists(tvhost::Root() + "/opt/usr/apps/org.kelvar.lumora/data"));
+    EXPECT_TRUE(tvhost::power::Recorded().empty());
+    EXPECT_EQ(LumoraTv({"power"}).out.rfind("on:", 0), 0u);
+}
+
+// Then the state as this process reads it.
+TEST_F(LumoraTvCli, WithoutAServiceCommandsChangeTheHostTvOrSayWhyNot)
 {
     std::filesystem::remove(tvhost::Root() + "/opt/var/tvhost/service.log");
     Check({
@@ -73,13 +104,44 @@ TEST_F(LumoraTvCli, WrongUsesAndAnswersWithoutAService)
         {{"set", "--force", "db/menu_widget/language", "x"}, 0, "db/menu_widget/language = x", true},
         {{"get", "db/menu_widget/language"}, 0, "x\n", true},
         {{"get", "--json"}, 0, "", true, "", "/db~1menu_widget~1language=x"},
-        {{"status"}, 3, "service:   not running", true},
+        {{"status"}, 3, "service:   not running (start it with: lumora-tv run)", true},
         {{"status", "--json"}, 3, "", true, "", "/service/running=false"},
         {{"event", "0x5", "alarm"}, 2, "bad event number \"0x5\""},
         {{"event", "5", "/"}, 1, "/ is a directory"},
         {{"event", "5", "alarm.txt"}, 1, "no such file, nor a shipped sample; the samples are: registered-devices (0)"},
-        {{"event", "5", "alarm"}, 1, "the service is not running on this host TV"},
+        {{"event", "5", "alarm"}, 1, kNotRunning},
+        {{"event", "5", "-"}, 1, kNotRunning, false, "<x/>"},
+        {{"notifications"}, 1, kNotRunning},
+        {{"press", "1", "1"}, 1, kNotRunning},
+        {{"timeout", "1"}, 1, kNotRunning},
+        {{"set", "db/menu_widget/language", "ko_KR.UTF-8"}, 0, "db/menu_widget/language = ko_KR.UTF-8\n", true},
+        {{"set", "memory/was/app_change", "-5"}, 0, "memory/was/app_change = -5\n", true},
+        {{"get"}, 0, "db/menu_widget/language = ko_KR.UTF-8\nmemory/was/app_change = -5\n", true},
+        // As the TV does, installing and removing bump the app-change key.
+        {{"widget", "uninstall"}, 0, "PzKmRvTqXa.Lumora is not installed (memory/was/app_change is now -4)\n", true},
+        {{"widget", "launch"}, 1, "install it first: lumora-tv widget install"},
+        {{"widget", "install"},
+         0,
+         "PzKmRvTqXa.Lumora is installed, not running (memory/was/app_change is now -3)\n",
+         true},
+        {{"widget", "install"}, 0, "PzKmRvTqXa.Lumora is installed, not running (nothing changed)\n", true},
+        {{"widget", "launch"}, 0, "PzKmRvTqXa.Lumora is installed, running\n", true},
+        {{"network", "none"}, 0, "network: none\n", true},
+        {{"network", "wifi"}, 0, "network: wifi\n", true},
     });
+    std::string language;
+    EXPECT_TRUE(tvhost::settings::GetString("db/menu_widget/language", language));
+    EXPECT_EQ(language, "ko_KR.UTF-8");
+    int nAppChange = 0;
+    EXPECT_TRUE(tvhost::settings::GetInt("memory/was/app_change", nAppChange));
+    EXPECT_EQ(nAppChange, -3);
+    EXPECT_TRUE(tvhost::apps::IsRunning(kWidget));
+    EXPECT_EQ(tvhost::network::CurrentType(), 1);
+    EXPECT_EQ(LumoraTv({"widget", "close"}).status, 0);
+    EXPECT_FALSE(tvhost::apps::IsRunning(kWidget));
+    const LumoraTvResult r = LumoraTv({"network", "auto"}); // before the type is read
+    EXPECT_EQ(r.out, std::string("network: ") + tvhost::network::TypeName(tvhost::network::CurrentType()) +
+                         " (following this machine's default route)\n");
 }
 
 TEST_F(LumoraTvCli, OneServiceItsPopupsLeaveTheScreenWhenAnsweredAndItsStateAsJson)
