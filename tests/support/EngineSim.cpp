@@ -57,8 +57,3 @@ std::string EngineSim::LastCommand() const
 {
     return m_pfnLastCommand();
 }
-
-void EngineSim::Reset() const
-{
-    m_pfnReset();
-}

@@ -18,7 +18,6 @@ public:
     int Emit(int nEvent, const char *pParam1, const char *pParam2) const;
     int Calls(const char *pEntry) const;
     std::string LastCommand() const;
-    void Reset() const;
 
 private:
     void *m_pHandle;

@@ -1,11 +1,10 @@
 #include "LumoraTv.h"
 
-#include <cstdio>
-#include <cstdlib>
-#include <fcntl.h>
 #include <fstream>
+#include <spawn.h>
 #include <sstream>
 #include <stdexcept>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,20 +12,17 @@
 
 namespace {
 
-// A temporary file, removed with the object.
-struct TempFile {
-    std::string path;
-    TempFile()
-    {
-        char tmpl[] = "/tmp/lumora-tv-XXXXXX";
-        int fd = mkstemp(tmpl);
-        if (fd < 0)
-            throw std::runtime_error("mkstemp failed");
-        close(fd);
-        path = tmpl;
-    }
-    ~TempFile() { unlink(path.c_str()); }
-};
+// The whole of a memory file the child wrote.
+std::string ReadBack(int fd)
+{
+    std::string text;
+    char buf[65536];
+    lseek(fd, 0, SEEK_SET);
+    for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;)
+        text.append(buf, static_cast<size_t>(n));
+    close(fd);
+    return text;
+}
 
 } // namespace
 
@@ -44,41 +40,32 @@ std::string LumoraTvBinary()
 
 LumoraTvResult LumoraTv(const std::vector<std::string> &args, const std::string &input)
 {
-    TempFile in, out, err;
-    {
-        std::ofstream f(in.path, std::ios::binary);
-        f << input;
-    }
+    // Memory files, not pipes: nothing has to be drained while it runs.
+    int fds[3];
+    for (int &fd : fds)
+        if ((fd = memfd_create("lumora-tv", MFD_CLOEXEC)) < 0)
+            throw std::runtime_error("memfd_create failed");
+    if (write(fds[0], input.data(), input.size()) != static_cast<ssize_t>(input.size()))
+        throw std::runtime_error("cannot write the standard input");
+    lseek(fds[0], 0, SEEK_SET);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    for (int i = 0; i < 3; ++i)
+        posix_spawn_file_actions_adddup2(&actions, fds[i], i);
     const std::string binary = LumoraTvBinary();
-    std::vector<char *> argv;
-    argv.push_back(const_cast<char *>(binary.c_str()));
+    std::vector<char *> argv{const_cast<char *>(binary.c_str())};
     for (const auto &a : args)
         argv.push_back(const_cast<char *>(a.c_str()));
     argv.push_back(nullptr);
-
-    // Only async-signal-safe calls between fork and exec: this process has threads.
-    pid_t pid = fork();
-    if (pid < 0)
-        throw std::runtime_error("fork failed");
-    if (pid == 0) {
-        int fdIn = open(in.path.c_str(), O_RDONLY);
-        int fdOut = open(out.path.c_str(), O_WRONLY | O_TRUNC);
-        int fdErr = open(err.path.c_str(), O_WRONLY | O_TRUNC);
-        if (fdIn < 0 || fdOut < 0 || fdErr < 0)
-            _exit(126);
-        dup2(fdIn, STDIN_FILENO);
-        dup2(fdOut, STDOUT_FILENO);
-        dup2(fdErr, STDERR_FILENO);
-        execve(binary.c_str(), argv.data(), environ);
-        _exit(127);
-    }
+    pid_t pid = -1;
+    const int error = posix_spawn(&pid, binary.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0)
+        throw std::runtime_error("cannot start " + binary);
     int wstatus = 0;
     while (waitpid(pid, &wstatus, 0) < 0) {}
-    LumoraTvResult result;
-    result.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
-    result.out = ReadFile(out.path);
-    result.err = ReadFile(err.path);
-    return result;
+    close(fds[0]);
+    return {WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1, ReadBack(fds[1]), ReadBack(fds[2])};
 }
 
 std::string Describe(const std::vector<std::string> &args, const LumoraTvResult &result)

@@ -3,8 +3,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -19,8 +17,8 @@ NotifySocket::NotifySocket()
     m_strPath = m_strDir + "/notify.sock";
 
     m_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (m_fd < 0 || pipe2(m_stop, O_CLOEXEC) != 0)
-        throw std::runtime_error("socket or pipe failed");
+    if (m_fd < 0)
+        throw std::runtime_error("socket failed");
     struct sockaddr_un addr;
     std::memset(&addr, 0, sizeof addr);
     addr.sun_family = AF_UNIX;
@@ -34,12 +32,8 @@ NotifySocket::NotifySocket()
 NotifySocket::~NotifySocket()
 {
     unsetenv("NOTIFY_SOCKET");
-    const char c = 0;
-    if (write(m_stop[1], &c, 1) != 1)
-        std::abort(); // the listener would never end
+    shutdown(m_fd, SHUT_RDWR); // the listener's recv returns 0
     m_listener.join();
-    close(m_stop[0]);
-    close(m_stop[1]);
     close(m_fd);
     unlink(m_strPath.c_str());
     rmdir(m_strDir.c_str());
@@ -47,17 +41,10 @@ NotifySocket::~NotifySocket()
 
 void NotifySocket::Listen()
 {
-    struct pollfd pfd[2] = {{m_fd, POLLIN, 0}, {m_stop[0], POLLIN, 0}};
-    for (;;) {
-        if (poll(pfd, 2, -1) < 0) {
-            if (errno == EINTR)
-                continue;
+    char buf[4096];
+    for (ssize_t n; (n = recv(m_fd, buf, sizeof buf, 0)) != 0;) {
+        if (n < 0 && errno != EINTR)
             std::abort(); // a listener that stopped would fail every later wait
-        }
-        if (pfd[1].revents & POLLIN)
-            return;
-        char buf[4096];
-        const ssize_t n = recv(m_fd, buf, sizeof buf, MSG_DONTWAIT);
         if (n < 0)
             continue;
         Message msg{std::string(buf, static_cast<size_t>(n)), std::chrono::steady_clock::now()};

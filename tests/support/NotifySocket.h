@@ -27,7 +27,6 @@ private:
     void Listen();
 
     int m_fd = -1;
-    int m_stop[2] = {-1, -1}; // a pipe: written once to end the listener
     std::string m_strDir;
     std::string m_strPath;
     mutable std::mutex m_mutex;

@@ -8,7 +8,7 @@
 #include <fcntl.h>
 #include <stdexcept>
 #include <poll.h>
-#include <sys/inotify.h>
+#include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -26,9 +26,8 @@ Supervisor::Supervisor()
     close(fd);
     m_strLogPath = tmpl;
     m_logFd = open(tmpl, O_RDONLY | O_CLOEXEC);
-    m_inotify = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    if (m_logFd < 0 || m_inotify < 0 || inotify_add_watch(m_inotify, tmpl, IN_MODIFY) < 0)
-        throw std::runtime_error("cannot watch the log");
+    if (m_logFd < 0)
+        throw std::runtime_error("cannot read the log");
 }
 
 Supervisor::~Supervisor()
@@ -43,7 +42,6 @@ Supervisor::~Supervisor()
     }
     if (m_pidfd >= 0)
         close(m_pidfd);
-    close(m_inotify);
     close(m_logFd);
     unlink(m_strLogPath.c_str());
 }
@@ -166,32 +164,26 @@ Supervision Judge(const std::vector<NotifySocket::Message> &messages, pid_t pid,
 
 } // namespace
 
-// Everything is prepared before fork: this process has threads (the listener,
-// gtest's), so the child may only make async-signal-safe calls until it execs.
-// A malloc there can wait forever on a lock another thread held at the fork.
 void Supervisor::Spawn(std::vector<std::string> argv, const std::vector<std::string> &env)
 {
     std::vector<std::string> envTexts = ChildEnvironment(env);
     std::vector<char *> argp = Pointers(argv);
     std::vector<char *> envp = Pointers(envTexts);
-    const char *logPath = m_strLogPath.c_str();
-
+    // Its own group, as a shell's job: a test may signal the whole of it.
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, m_strLogPath.c_str(), O_WRONLY | O_TRUNC, 0);
+    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
     m_started = Clock::now();
-    pid_t pid = fork();
-    if (pid < 0)
-        throw std::runtime_error("fork failed");
-    if (pid == 0) {
-        // Its own group, as a shell's job: a test may signal the whole of it.
-        setpgid(0, 0);
-        int fd = open(logPath, O_WRONLY | O_TRUNC);
-        if (fd < 0)
-            _exit(126);
-        dup2(fd, STDOUT_FILENO);
-        dup2(fd, STDERR_FILENO);
-        close(fd);
-        execve(argp[0], argp.data(), envp.data());
-        _exit(127);
-    }
+    pid_t pid = -1;
+    const int error = posix_spawn(&pid, argp[0], &actions, &attr, argp.data(), envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attr);
+    if (error != 0)
+        throw std::runtime_error("cannot start " + argv[0]);
     m_pid = m_pidStarted = m_pidService = pid;
     if (m_pidfd >= 0)
         close(m_pidfd);
@@ -278,10 +270,6 @@ bool Supervisor::WaitForLog(const std::string &text, std::chrono::milliseconds t
     int n = 0;
     size_t scanned = 0; // the text found so far is not searched again
     for (;;) {
-        // The inotify queue is drained before the read, so a write after the
-        // read leaves an event behind and wakes the poll below.
-        char events[4096];
-        while (read(m_inotify, events, sizeof events) > 0) {}
         const bool bEnded = !Running(); // what an ended service wrote is all there is
         ReadLog();
         for (size_t at; (at = m_strLog.find(text, scanned)) != std::string::npos; ++n)
@@ -293,9 +281,9 @@ bool Supervisor::WaitForLog(const std::string &text, std::chrono::milliseconds t
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now());
         if (bEnded || left.count() <= 0)
             return false;
-        // Woken by a write to the log or by the end of the service.
-        struct pollfd pfd[2] = {{m_inotify, POLLIN, 0}, {m_pidfd, POLLIN, 0}};
-        poll(pfd, 2, static_cast<int>(left.count()));
+        // Woken by the end of the service, or a moment later to read on.
+        struct pollfd pfd = {m_pidfd, POLLIN, 0};
+        poll(&pfd, 1, static_cast<int>(std::min<long long>(left.count(), 20)));
     }
 }
 

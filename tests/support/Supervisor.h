@@ -77,8 +77,7 @@ private:
 
     NotifySocket m_socket;
     std::string m_strLogPath;
-    int m_logFd = -1;   // read on from its offset
-    int m_inotify = -1; // wakes a wait when the service writes its log
+    int m_logFd = -1; // read on from its offset
     std::string m_strLog;
     int m_pidfd = -1;
     pid_t m_pid = -1; // -1 once reaped
