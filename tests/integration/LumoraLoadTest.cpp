@@ -16,21 +16,9 @@
 
 using namespace std::chrono_literals;
 
-namespace {
-
 // How long the storm may run before the numbers are taken.
 constexpr auto kLoadTime = 60s;
 constexpr int kRounds = 20000;
-
-int Count(const std::string &text, const std::string &needle)
-{
-    int n = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + needle.size()))
-        ++n;
-    return n;
-}
-
-} // namespace
 
 TEST(LumoraLoad, AStormWithPressesAndLanguageFlipsKeepsTheServiceUpAndFed)
 {
@@ -49,9 +37,8 @@ TEST(LumoraLoad, AStormWithPressesAndLanguageFlipsKeepsTheServiceUpAndFed)
         for (int i = 0; !bStop; ++i) {
             if (i % 2 == 0) {
                 ++nPresses;
-                std::istringstream shown(LumoraTv({"notifications", "--brief"}).out);
-                std::string line, item = "1";
-                while (std::getline(shown, line))
+                std::string item = "1";
+                for (const std::string &line : Popups())
                     if (std::atoi(line.c_str()) % 2)
                         item = std::to_string(std::atoi(line.c_str()));
                 const LumoraTvResult r = LumoraTv({"press", item, "1"});
@@ -72,10 +59,10 @@ TEST(LumoraLoad, AStormWithPressesAndLanguageFlipsKeepsTheServiceUpAndFed)
     ASSERT_TRUE(tv.Running()) << tv.Log().substr(0, 4000);
     // One snapshot: the storm goes on while it is counted.
     const std::string log = tv.Log();
-    const int nRounds = Count(log, "Enter LumoraManager::OnQorvEvent, event type is 12290,");
-    const int nDevicePopups = Count(log, ">LumoraNotification::m_AddDeviceNotification show the notification");
-    const int nNewDevicePopups = Count(log, ">LumoraNotification::m_AddNewDeviceFound");
-    const int nKorean = Count(log, ">CLumoraQorvHelper Begin to Execute strParam1 = ko_KR!");
+    const int nRounds = Occurrences(log, "Enter LumoraManager::OnQorvEvent, event type is 12290,");
+    const int nDevicePopups = Occurrences(log, ">LumoraNotification::m_AddDeviceNotification show the notification");
+    const int nNewDevicePopups = Occurrences(log, ">LumoraNotification::m_AddNewDeviceFound");
+    const int nKorean = Occurrences(log, ">CLumoraQorvHelper Begin to Execute strParam1 = ko_KR!");
     const Supervision seen = tv.Terminate(30s);
     ExpectSupervised(seen);
 

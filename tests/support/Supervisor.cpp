@@ -255,13 +255,17 @@ const std::string &Supervisor::Log()
     return m_strLog;
 }
 
-int Supervisor::CountInLog(const std::string &text)
+int Occurrences(const std::string &text, const std::string &part)
 {
-    const std::string &log = Log();
     int n = 0;
-    for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + text.size()))
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size()))
         ++n;
     return n;
+}
+
+int Supervisor::CountInLog(const std::string &text)
+{
+    return Occurrences(Log(), text);
 }
 
 bool Supervisor::WaitForLog(const std::string &text, std::chrono::milliseconds timeout, int count)

@@ -87,6 +87,9 @@ private:
     Clock::time_point m_started;
 };
 
+// How often part occurs in text.
+int Occurrences(const std::string &text, const std::string &part);
+
 // A run systemd would have been content with: no problem, at least
 // nMinWatchdogs watchdog messages, never more than the 6 s period and a
 // margin without one.
