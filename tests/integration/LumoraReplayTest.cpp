@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <sstream>
 
 #include "LumoraTv.h"
 #include "Supervisor.h"
@@ -62,10 +61,7 @@ TEST_F(LumoraReplay, TheDemoReplaysAsLoggedFromEachLogFormAndAnEditedLogDiffers)
             continue;
 
         // The TV refused the power-off: one line of the log changed.
-        std::ifstream in(log);
-        std::stringstream text;
-        text << in.rdbuf();
-        std::string edited = text.str();
+        std::string edited = ReadFile(log);
         const std::string ok = "CLumoraTvControl success to power off the TV!";
         ASSERT_NE(edited.find(ok), std::string::npos);
         edited.replace(edited.find(ok), ok.size(), "CLumoraTvControl failed to power off the TV!");

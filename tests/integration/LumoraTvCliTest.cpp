@@ -8,7 +8,7 @@
 
 #include <csignal>
 #include <filesystem>
-#include <sstream>
+#include <regex>
 #include <nlohmann/json.hpp>
 #include <sys/wait.h>
 
@@ -183,25 +183,17 @@ TEST_F(LumoraTvCli, LogsShowWhatTheServiceWroteAndCtrlCOnRunStopsIt)
     ASSERT_NE(tv.Pid(), tv.RunPid()) << "run waits for the service as its child";
 
     // A D record of the service's start, with its time, in every filter that keeps D.
-    const std::string enter = " D LUMORA: main.cpp:main(107)>############ Enter LumoraApp Main ############";
+    const std::regex enter(R"((^|\n)\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} D LUMORA: main\.cpp:main\(107\)>#{12} Enter )"
+                           R"(LumoraApp Main #{12}\n)");
     for (const std::vector<std::string> &args :
          std::vector<std::vector<std::string>>{{"logs"}, {"logs", "--level=debug"}, {"logs", "--level", "E"}}) {
         const LumoraTvResult r = LumoraTv(args);
-        SCOPED_TRACE(Describe(args, r));
-        EXPECT_EQ(r.status, 0);
-        std::istringstream lines(r.out);
-        bool bFound = false;
-        for (std::string line; std::getline(lines, line);)
-            bFound = bFound || (line.size() == 18 + enter.size() && line.compare(18, enter.size(), enter) == 0 &&
-                                line[2] == '-' && line[5] == ' ' && line[14] == '.');
-        EXPECT_EQ(bFound, args.size() < 3) << "MM-DD hh:mm:ss.mmm" << enter;
+        EXPECT_EQ(r.status, 0) << Describe(args, r);
+        EXPECT_EQ(std::regex_search(r.out, enter), args.size() < 3) << Describe(args, r);
     }
-    const LumoraTvResult last = LumoraTv({"logs", "-n", "2"});
-    std::istringstream lines(last.out);
-    int nRecords = 0;
-    for (std::string line; std::getline(lines, line);)
-        nRecords += !line.empty() && line[0] != ' '; // further lines of a record are indented
-    EXPECT_EQ(nRecords, 2) << last.out;
+    const std::string last = LumoraTv({"logs", "-n", "2"}).out;
+    const std::regex record(R"((^|\n)[^ \n])"); // further lines of a record are indented
+    EXPECT_EQ(std::distance(std::sregex_iterator(last.begin(), last.end(), record), std::sregex_iterator()), 2) << last;
 
     // Ctrl-C in a terminal signals the whole foreground group.
     ASSERT_EQ(kill(-tv.RunPid(), SIGINT), 0);
