@@ -194,33 +194,19 @@ void Supervisor::Spawn(std::vector<std::string> argv, const std::vector<std::str
     lseek(m_logFd, 0, SEEK_SET);
 }
 
-void Supervisor::Reap()
-{
-    int status = 0;
-    if (m_pid > 0 && waitpid(m_pid, &status, 0) == m_pid) {
-        m_nStatus = status;
-        m_pid = -1;
-    }
-}
-
 bool Supervisor::Running()
 {
-    if (m_pid <= 0)
-        return false;
-    struct pollfd pfd = {m_pidfd, POLLIN, 0};
-    if (poll(&pfd, 1, 0) == 1)
-        Reap();
+    Wait(0ms);
     return m_pid > 0;
 }
 
 int Supervisor::Wait(std::chrono::milliseconds timeout)
 {
-    if (m_pid > 0) {
-        struct pollfd pfd = {m_pidfd, POLLIN, 0};
-        if (poll(&pfd, 1, static_cast<int>(timeout.count())) != 1)
-            return -1;
-        Reap();
-    }
+    struct pollfd pfd = {m_pidfd, POLLIN, 0};
+    if (m_pid > 0 && poll(&pfd, 1, static_cast<int>(timeout.count())) != 1)
+        return -1;
+    if (m_pid > 0 && waitpid(m_pid, &m_nStatus, 0) == m_pid)
+        m_pid = -1;
     return m_nStatus;
 }
 

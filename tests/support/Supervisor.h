@@ -70,8 +70,6 @@ public:
     }
 
 private:
-    // Reaps the child once its pidfd says it ended.
-    void Reap();
     // Appends what the log gained since the last read.
     void ReadLog();
 
