@@ -23,32 +23,23 @@ protected:
 };
 
 // Swaps the engine library of the TV root for a test's stand-in, and puts the
-// real one back even when the test fails. A library left
-// aside by a run that was killed is put back first.
-class EngineLibrarySwap {
-public:
+// real one back even when the test fails. A library left aside by a run that
+// was killed is put back first (rename replaces the stand-in).
+struct EngineLibrarySwap {
+    const std::string library = tvhost::Root() + "/usr/apps/org.kelvar.lumora/bin/lib.target/libqorv_helper.so";
+    const std::string saved = library + ".set-aside";
+
     explicit EngineLibrarySwap(const std::string &replacement)
     {
         Restore();
-        fs::rename(Library(), Saved());
-        fs::copy_file(replacement, Library());
+        fs::rename(library, saved);
+        fs::copy_file(replacement, library);
     }
     ~EngineLibrarySwap() { Restore(); }
-
-    static std::string Library()
+    void Restore() const
     {
-        return tvhost::Root() + "/usr/apps/org.kelvar.lumora/bin/lib.target/libqorv_helper.so";
-    }
-
-private:
-    static std::string Saved() { return Library() + ".set-aside"; }
-    static void Restore()
-    {
-        if (!fs::exists(Saved()))
-            return;
-        std::error_code ec;
-        fs::remove(Library(), ec);
-        fs::rename(Saved(), Library());
+        if (fs::exists(saved))
+            fs::rename(saved, library);
     }
 };
 
