@@ -1,6 +1,8 @@
 #include "NotifySocket.h"
 
+#include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
@@ -10,22 +12,17 @@
 
 NotifySocket::NotifySocket()
 {
-    char tmpl[] = "/tmp/lumora-notify-XXXXXX";
-    if (!mkdtemp(tmpl))
-        throw std::runtime_error("mkdtemp failed");
-    m_strDir = tmpl;
-    m_strPath = m_strDir + "/notify.sock";
-
-    m_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (m_fd < 0)
-        throw std::runtime_error("socket failed");
-    struct sockaddr_un addr;
-    std::memset(&addr, 0, sizeof addr);
+    // An abstract address ("@name" to systemd's client): no file to remove.
+    static std::atomic<int> nSockets{0};
+    const std::string name = "lumora-notify-" + std::to_string(getpid()) + "-" + std::to_string(nSockets++);
+    struct sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
-    std::strncpy(addr.sun_path, m_strPath.c_str(), sizeof addr.sun_path - 1);
-    if (bind(m_fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0)
-        throw std::runtime_error("bind failed");
-    setenv("NOTIFY_SOCKET", m_strPath.c_str(), 1);
+    std::memcpy(addr.sun_path + 1, name.data(), name.size());
+    m_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (m_fd < 0 || bind(m_fd, reinterpret_cast<struct sockaddr *>(&addr),
+                         static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + 1 + name.size())) != 0)
+        throw std::runtime_error("cannot bind the notification socket");
+    setenv("NOTIFY_SOCKET", ("@" + name).c_str(), 1);
     m_listener = std::thread(&NotifySocket::Listen, this);
 }
 
@@ -35,8 +32,6 @@ NotifySocket::~NotifySocket()
     shutdown(m_fd, SHUT_RDWR); // the listener's recv returns 0
     m_listener.join();
     close(m_fd);
-    unlink(m_strPath.c_str());
-    rmdir(m_strDir.c_str());
 }
 
 void NotifySocket::Listen()

@@ -27,8 +27,6 @@ private:
     void Listen();
 
     int m_fd = -1;
-    std::string m_strDir;
-    std::string m_strPath;
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_arrived;
     std::vector<Message> m_messages;
