@@ -42,18 +42,3 @@ EngineSim::~EngineSim()
 {
     dlclose(m_pHandle);
 }
-
-int EngineSim::Emit(int nEvent, const char *pParam1, const char *pParam2) const
-{
-    return m_pfnEmit(nEvent, pParam1, pParam2);
-}
-
-int EngineSim::Calls(const char *pEntry) const
-{
-    return m_pfnCalls(pEntry);
-}
-
-std::string EngineSim::LastCommand() const
-{
-    return m_pfnLastCommand();
-}

@@ -15,9 +15,9 @@ public:
     static std::string DefaultPath();
     static std::string Variant(const char *name); // e.g. "nostop"
 
-    int Emit(int nEvent, const char *pParam1, const char *pParam2) const;
-    int Calls(const char *pEntry) const;
-    std::string LastCommand() const;
+    int Emit(int nEvent, const char *pParam1, const char *pParam2) const { return m_pfnEmit(nEvent, pParam1, pParam2); }
+    int Calls(const char *pEntry) const { return m_pfnCalls(pEntry); }
+    std::string LastCommand() const { return m_pfnLastCommand(); }
 
 private:
     void *m_pHandle;

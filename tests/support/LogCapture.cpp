@@ -16,11 +16,6 @@ LogCapture::~LogCapture()
     tvhost::log::ClearRecords();
 }
 
-std::vector<tvhost::log::Record> LogCapture::Records() const
-{
-    return tvhost::log::Records();
-}
-
 std::string MessageOf(const std::string &line)
 {
     size_t pos = line.find('>');
@@ -43,20 +38,10 @@ int LogCapture::PriorityOf(const std::string &text) const
     return -1;
 }
 
-bool LogCapture::Has(const std::string &text) const
-{
-    return PriorityOf(text) != -1;
-}
-
 int LogCapture::Count(const std::string &text) const
 {
     int n = 0;
     for (const auto &m : Messages())
         n += (m == text);
     return n;
-}
-
-void LogCapture::Clear()
-{
-    tvhost::log::ClearRecords();
 }

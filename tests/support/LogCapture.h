@@ -11,15 +11,15 @@ public:
     LogCapture();
     ~LogCapture();
 
-    std::vector<tvhost::log::Record> Records() const;
+    std::vector<tvhost::log::Record> Records() const { return tvhost::log::Records(); }
     // Messages (text after the "file:function(line)>" prefix) in order.
     std::vector<std::string> Messages() const;
     // Priority of the first record whose message equals text; -1 if none.
     int PriorityOf(const std::string &text) const;
-    bool Has(const std::string &text) const;
+    bool Has(const std::string &text) const { return PriorityOf(text) != -1; }
     // How many messages equal text.
     int Count(const std::string &text) const;
-    void Clear();
+    void Clear() { tvhost::log::ClearRecords(); }
 };
 
 // The message part of a formatted log line: everything after the first ">".

@@ -54,11 +54,6 @@ void ManagerTest::TearDown()
     tvhost::mainloop::Detach();
 }
 
-bool ManagerTest::RunUntil(const std::function<bool()> &pred, std::chrono::milliseconds timeout)
-{
-    return tvhost::mainloop::RunUntil(pred, timeout);
-}
-
 void ManagerTest::StartWithWidget()
 {
     tvhost::apps::SetInstalled(kWidgetApp, true);

@@ -11,6 +11,7 @@
 #include "EngineSim.h"
 #include "LogCapture.h"
 #include "LumoraManager.h"
+#include "tvhost/mainloop.h"
 
 extern const char *const kWidgetApp;
 extern const char *const kLanguageKey;
@@ -49,7 +50,10 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    bool RunUntil(const std::function<bool()> &pred, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    bool RunUntil(const std::function<bool()> &pred, std::chrono::milliseconds timeout = std::chrono::seconds(10))
+    {
+        return tvhost::mainloop::RunUntil(pred, timeout);
+    }
     // Install the widget, construct, then run the main loop until the engine has started.
     void StartWithWidget();
 
