@@ -10,14 +10,14 @@ a device name holding markup as text.
 usage: browser_test.py LUMORA_TV SCREENSHOT CHROMEDRIVER
 """
 import os
+import re
 import signal
-import socket
 import subprocess
 import sys
 import time
 
 from selenium import webdriver
-from selenium.common.exceptions import StaleElementReferenceException, TimeoutException
+from selenium.common.exceptions import NoSuchElementException, StaleElementReferenceException, TimeoutException
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 from selenium.webdriver.support.ui import Select, WebDriverWait
@@ -38,12 +38,6 @@ def lumora_tv(*args):
     return subprocess.run([LUMORA_TV, *args], capture_output=True, text=True, timeout=60)
 
 
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
-
-
 def popups(driver):
     """What the page's TV screen shows: title and button labels of each pop-up."""
     return driver.execute_script(
@@ -56,7 +50,10 @@ def popups(driver):
 
 def wait_for(driver, what, condition):
     try:
-        return WebDriverWait(driver, WAIT, poll_frequency=0.2).until(lambda d: condition(d))
+        # The page redraws the screen when it changes: an element may go stale.
+        return WebDriverWait(driver, WAIT, poll_frequency=0.2,
+                             ignored_exceptions=(NoSuchElementException, StaleElementReferenceException)
+                             ).until(lambda d: condition(d))
     except TimeoutException:
         raise AssertionError(f"not seen within {WAIT} s: {what}; on screen: {popups(driver)}")
 
@@ -67,18 +64,9 @@ def wait_for_popup(driver, title):
 
 
 def press(driver, title, label):
-    for _ in range(20):  # the page redraws the screen when it changes
-        try:
-            for popup in driver.find_elements(By.CSS_SELECTOR, "#popups .popup"):
-                if popup.find_element(By.CSS_SELECTOR, ".title").text == title:
-                    for button in popup.find_elements(By.CSS_SELECTOR, "button.press"):
-                        if button.text == label:
-                            button.click()
-                            return
-        except StaleElementReferenceException:
-            pass
-        time.sleep(0.2)
-    raise AssertionError(f"no button {label!r} on a pop-up {title!r}: {popups(driver)}")
+    xpath = f"//*[@id='popups']//div[@class='popup'][div[@class='title']='{title}']//button[@class='press'][.='{label}']"
+    wait_for(driver, f"a button {label!r} on a pop-up {title!r}",
+             lambda d: d.find_element(By.XPATH, xpath).click() or True)
 
 
 def text_of(driver, element_id):
@@ -87,13 +75,11 @@ def text_of(driver, element_id):
 
 def main():
     assert lumora_tv("reset").returncode == 0, "a service runs on this host TV"
-    port = free_port()
     log_path = os.path.join(os.path.dirname(SCREENSHOT), "web-browser-test.log")
     env = dict(os.environ, QORV_SIM_SPEED="0.5", TVHOST_DRAW="0")
     with open(log_path, "w") as log:
-        web = subprocess.Popen(
-            [LUMORA_TV, "web", "--run", "--scenario", "demo", "--listen", f"127.0.0.1:{port}"],
-            stdout=log, stderr=subprocess.STDOUT, env=env)
+        web = subprocess.Popen([LUMORA_TV, "web", "--run", "--scenario", "demo", "--listen", "127.0.0.1:0"],
+                               stdout=log, stderr=subprocess.STDOUT, env=env)
     options = webdriver.ChromeOptions()
     for arg in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
                 "--window-size=1400,1250"):
@@ -101,24 +87,17 @@ def main():
     driver = None
     try:
         driver = webdriver.Chrome(service=Service(CHROMEDRIVER), options=options)
-        url = f"http://127.0.0.1:{port}/"
         deadline = time.time() + WAIT
-        while True:
-            try:
-                socket.create_connection(("127.0.0.1", port), timeout=1).close()
-                break
-            except OSError:
-                assert web.poll() is None and time.time() < deadline, open(log_path).read()
-                time.sleep(0.2)
-        driver.get(url)
+        while not (url := re.search(r"open (http://127\.0\.0\.1:\d+/)", open(log_path).read())):
+            assert web.poll() is None and time.time() < deadline, open(log_path).read()
+            time.sleep(0.2)
+        driver.get(url.group(1))
         wait_for(driver, "the engine started", lambda d: text_of(d, "engine") == "started")
 
         # A device name with markup, through the page's event form: shown as text, run never.
         Select(driver.find_element(By.ID, "event-source")).select_by_value("text")
-        number = driver.find_element(By.ID, "event-number")
-        number.clear()
-        number.send_keys("5")
-        driver.execute_script("document.getElementById('event-text').value = arguments[0];", HOSTILE_EVENT)
+        driver.execute_script("document.getElementById('event-number').value = '5';"
+                              "document.getElementById('event-text').value = arguments[0];", HOSTILE_EVENT)
         driver.find_element(By.ID, "event-send").click()
         hostile = wait_for_popup(driver, HOSTILE_NAME)
         assert hostile["body"] == "<b>not bold</b>", hostile
