@@ -68,13 +68,17 @@ struct RunPlan {
 // service's log afresh (the previous run's kept as LogPath() + ".1") and sets
 // TVHOST_LOG_FILE in this process's environment for the service to inherit.
 RunPlan PrepareRun(const std::string &scenario);
-// Replaces this process with the service; returns only by throwing.
-[[noreturn]] void ExecService(const RunPlan &plan);
+// "the engine plays scenario "NAME" (why): what it does", for a person.
+std::string PlanText(const RunPlan &plan);
 // Starts the service as a child of this process. The run lock passes to the
 // child (this process closes plan.lockFd; the lock names the child, for
 // ServicePid), which starts with no signal blocked. Returns its pid; waiting
 // for it is the caller's.
 int StartService(const RunPlan &plan);
+// How a service StartService started ended, from its wait status, for a
+// person: switched the TV off, an exit status, a crash or a kill; empty for a
+// clean end.
+std::string EndText(int waitStatus);
 
 // The fresh host TV: widget installed and closed, language kFreshLanguage,
 // Ethernet, no data folder, TV on. Refused while the service runs.

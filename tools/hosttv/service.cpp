@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sys/file.h>
+#include <sys/wait.h>
 #include <thread>
 #include <linux/close_range.h>
 #include <unistd.h>
@@ -197,10 +198,24 @@ RunPlan PrepareRun(const std::string &scenario)
     return plan;
 }
 
-void ExecService(const RunPlan &plan)
+std::string PlanText(const RunPlan &plan)
 {
-    execl(plan.binary.c_str(), plan.binary.c_str(), static_cast<char *>(nullptr));
-    throw Error(Error::Kind::kCannot, "cannot start " + plan.binary + ": " + std::strerror(errno));
+    return "the engine plays scenario \"" + plan.scenario + "\" (" + plan.why + "): " + ScenarioText(plan.scenario);
+}
+
+std::string EndText(int status)
+{
+    const Power power = PowerState();
+    if (WIFEXITED(status) && power.bOff)
+        return "the service ended: the TV was switched off (power-off request of kind " + std::to_string(power.kind) +
+               ")";
+    if (WIFEXITED(status))
+        return WEXITSTATUS(status) ? "the service ended with exit status " + std::to_string(WEXITSTATUS(status)) : "";
+    const int sig = WTERMSIG(status);
+    const bool bCrash = sig == SIGSEGV || sig == SIGBUS || sig == SIGABRT || sig == SIGFPE || sig == SIGILL ||
+                        sig == SIGTRAP || sig == SIGSYS;
+    return std::string("the service ") + (bCrash ? "crashed" : "was killed") + ": signal " + std::to_string(sig) +
+           " (" + strsignal(sig) + ")";
 }
 
 int StartService(const RunPlan &plan)

@@ -20,22 +20,6 @@ std::string PowerText(const hosttv::Power &power)
     return "off: the TV was switched off (power-off request of kind " + std::to_string(power.kind) + ")";
 }
 
-// How the service ended, for a person; empty for a clean end.
-std::string EndText(int status)
-{
-    const hosttv::Power power = hosttv::PowerState();
-    if (WIFEXITED(status) && power.bOff)
-        return "the service ended: the TV was switched off (power-off request of kind " + std::to_string(power.kind) +
-               ")";
-    if (WIFEXITED(status))
-        return WEXITSTATUS(status) ? "the service ended with exit status " + std::to_string(WEXITSTATUS(status)) : "";
-    const int sig = WTERMSIG(status);
-    const bool bCrash = sig == SIGSEGV || sig == SIGBUS || sig == SIGABRT || sig == SIGFPE || sig == SIGILL ||
-                        sig == SIGTRAP || sig == SIGSYS;
-    return std::string("the service ") + (bCrash ? "crashed" : "was killed") + ": signal " + std::to_string(sig) +
-           " (" + strsignal(sig) + ")";
-}
-
 int ExitStatusOf(int status)
 {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
@@ -53,7 +37,7 @@ int WaitForService(int pid, const sigset_t &wanted)
             throw hosttv::Error(hosttv::Error::Kind::kCannot, std::string("lost the service (pid ") +
                                                                   std::to_string(pid) + "): " + std::strerror(errno));
         if (done == pid) {
-            const std::string text = EndText(status);
+            const std::string text = hosttv::EndText(status);
             if (!text.empty())
                 std::fprintf(stderr, "lumora-tv: %s\n", text.c_str());
             if (stopSignal)
@@ -91,8 +75,7 @@ int Run(const Args &args)
             throw UsageError("--scenario needs a NAME; the shipped ones are: " + Join(hosttv::Scenarios(), ", "));
     }
     const hosttv::RunPlan plan = hosttv::PrepareRun(scenario);
-    std::fprintf(stderr, "lumora-tv: the engine plays scenario \"%s\" (%s): %s\n", plan.scenario.c_str(),
-                 plan.why.c_str(), hosttv::ScenarioText(plan.scenario).c_str());
+    std::fprintf(stderr, "lumora-tv: %s\n", hosttv::PlanText(plan).c_str());
     if (!hosttv::Widget().bInstalled)
         std::fprintf(stderr,
                      "lumora-tv: the widget is not installed, so the engine waits for: lumora-tv widget install\n");

@@ -15,13 +15,6 @@ namespace lumoratv {
 
 namespace {
 
-std::string ServiceEnd(int status)
-{
-    if (WIFEXITED(status))
-        return "exit status " + std::to_string(WEXITSTATUS(status));
-    return std::string("signal ") + strsignal(WTERMSIG(status));
-}
-
 // The service this process started (--run, or the page's Start), which it
 // reaps and stops on Ctrl-C. One at a time: the run lock refuses a second.
 class Child {
@@ -30,8 +23,7 @@ public:
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         const hosttv::RunPlan plan = hosttv::PrepareRun(scenario);
-        std::fprintf(stderr, "lumora-tv: the engine plays scenario \"%s\" (%s): %s\n", plan.scenario.c_str(),
-                     plan.why.c_str(), hosttv::ScenarioText(plan.scenario).c_str());
+        std::fprintf(stderr, "lumora-tv: %s\n", hosttv::PlanText(plan).c_str());
         m_pid = hosttv::StartService(plan);
         std::fprintf(stderr, "lumora-tv: started %s (pid %d); Ctrl-C here ends it with the page\n", plan.binary.c_str(),
                      m_pid);
@@ -45,8 +37,7 @@ public:
         for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
             if (pid != m_pid)
                 continue;
-            std::fprintf(stderr, "lumora-tv: the service (pid %d) ended: %s; the page stays until Ctrl-C\n", pid,
-                         ServiceEnd(status).c_str());
+            SayEnded(pid, status, "; the page stays until Ctrl-C");
             m_pid = 0;
         }
     }
@@ -62,11 +53,18 @@ public:
             kill(m_pid, SIGTERM);
         int status = 0;
         while (waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {}
-        std::fprintf(stderr, "lumora-tv: the service (pid %d) ended: %s\n", m_pid, ServiceEnd(status).c_str());
+        SayEnded(m_pid, status, "");
         m_pid = 0;
     }
 
 private:
+    static void SayEnded(int pid, int status, const char *after)
+    {
+        const std::string text = hosttv::EndText(status);
+        std::fprintf(stderr, "lumora-tv: %s (pid %d)%s\n", text.empty() ? "the service ended" : text.c_str(), pid,
+                     after);
+    }
+
     std::mutex m_mutex;
     int m_pid = 0;
 };
