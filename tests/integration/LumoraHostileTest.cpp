@@ -16,7 +16,9 @@ namespace {
 
 void Raise(int nEvent, const std::string &text)
 {
-    const std::vector<std::string> args{"event", std::to_string(nEvent), "-"};
+    // The large texts take seconds under a sanitizer on a loaded machine; the
+    // wait is only a guard against a service that never answers.
+    const std::vector<std::string> args{"event", "--wait", "600", std::to_string(nEvent), "-"};
     const LumoraTvResult r = LumoraTv(args, text);
     // The first line is the service's answer; what the host TV saw follows.
     EXPECT_EQ(r.out.substr(0, r.out.find('\n') + 1), "event " + std::to_string(nEvent) + ": the service answered 0\n")
@@ -36,7 +38,7 @@ TEST(LumoraHostile, HostileTextsLeaveTheServiceUpAndItsTerminalFreeOfControlsAnd
     ASSERT_EQ(LumoraTv({"reset"}).status, 0);
     Supervisor tv;
     tv.Start({"--scenario", "quiet"});
-    ASSERT_TRUE(tv.WaitForLog("LumoraManager::Construct SetSystemLanguage strReturn = OK", 20s)) << tv.Log();
+    ASSERT_TRUE(tv.WaitForLog("LumoraManager::Construct SetSystemLanguage strReturn = OK", 300s)) << tv.Log();
 
     const std::string entity = "<!DOCTYPE n [<!ENTITY e \"" + std::string(60000, 'A') + "\">]>";
     Raise(5, Notification(entity, "", Repeat("&e;", 4000)));
@@ -49,7 +51,7 @@ TEST(LumoraHostile, HostileTextsLeaveTheServiceUpAndItsTerminalFreeOfControlsAnd
                  "><RegisteredDevice id=\"1\"><Type>Air Conditioner</Type><Name>n</Name>"
                  "</RegisteredDevice></l>");
     // Many devices (the parsers' suite takes 100,000): each is logged four
-    // times, which a sanitizer build writes slowly, and event waits 10 s.
+    // times, which a sanitizer build writes slowly.
     std::string devices = "<l>";
     for (int i = 0; i < 20000; ++i)
         devices += "<RegisteredDevice id=\"" + std::to_string(i) +
@@ -78,7 +80,7 @@ TEST(LumoraHostile, HostileTextsLeaveTheServiceUpAndItsTerminalFreeOfControlsAnd
         Raise(77, name);
     }
     Raise(5, Notification("", "", "after"));
-    EXPECT_TRUE(tv.WaitForLog(">[CDeviceNotification], strCtrlName = [after]", 10s));
+    EXPECT_TRUE(tv.WaitForLog(">[CDeviceNotification], strCtrlName = [after]", 300s));
     EXPECT_TRUE(tv.Running());
 
     const std::string out = tv.Log();

@@ -61,7 +61,8 @@ std::string EventSampleText(const std::string &name)
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-EventOutcome SendEvent(int number, const std::string &param, std::chrono::milliseconds wait)
+EventOutcome SendEvent(int number, const std::string &param, std::chrono::milliseconds wait,
+                       std::chrono::seconds answerWait)
 {
     // What was there before: a storm of the engine's own may post meanwhile,
     // but a pop-up that was not there is news either way.
@@ -71,7 +72,7 @@ EventOutcome SendEvent(int number, const std::string &param, std::chrono::millis
     const bool bWasOff = PowerState().bOff;
 
     EventOutcome outcome;
-    outcome.answer = RaiseEvent(number, param);
+    outcome.answer = RaiseEvent(number, param, answerWait);
     // The service handles an event before it answers; the wait covers a
     // screen or a power record that another thread writes a moment later.
     const bool bShows = number == 1 || number == 5;

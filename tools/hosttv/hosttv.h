@@ -198,8 +198,12 @@ struct Press {
 Press PressButton(int item, int button);
 void TimeOut(int item);
 
-// Raises engine event number with param as its first parameter; the service's answer.
-int RaiseEvent(int number, const std::string &param);
+// How long RaiseEvent waits for the engine's answer unless told: longer than
+// one event takes on a desk, short enough for a person waiting.
+constexpr std::chrono::seconds kEventAnswerWait{10};
+// Raises engine event number with param as its first parameter and waits up to
+// answerWait for the service's answer, which it returns.
+int RaiseEvent(int number, const std::string &param, std::chrono::seconds answerWait = kEventAnswerWait);
 
 // The events the service acts on, with a sample text shipped in the TV root.
 struct EventKind {
@@ -225,7 +229,8 @@ struct EventOutcome {
 };
 // Raises the event like RaiseEvent, then watches the screen and the power for
 // up to wait for what the event's kind makes the service do.
-EventOutcome SendEvent(int number, const std::string &param, std::chrono::milliseconds wait);
+EventOutcome SendEvent(int number, const std::string &param, std::chrono::milliseconds wait,
+                       std::chrono::seconds answerWait = kEventAnswerWait);
 
 } // namespace hosttv
 

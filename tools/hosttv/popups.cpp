@@ -56,13 +56,12 @@ void TimeOut(int item)
         FailRemote(error);
 }
 
-int RaiseEvent(int number, const std::string &param)
+int RaiseEvent(int number, const std::string &param, std::chrono::seconds answerWait)
 {
-    // Longer than any single event takes, short enough for a person waiting.
-    constexpr int kAnswerSeconds = 10;
     int answer = 0;
     std::string reason;
-    if (!qorvsim::InjectEvent(qorvsim::DefaultSocketPath(), number, param, "", answer, reason, kAnswerSeconds)) {
+    if (!qorvsim::InjectEvent(qorvsim::DefaultSocketPath(), number, param, "", answer, reason,
+                              static_cast<int>(answerWait.count()))) {
         int pid = ServicePid();
         if (!pid)
             throw Error(Error::Kind::kCannot, kNotRunning);
@@ -70,8 +69,9 @@ int RaiseEvent(int number, const std::string &param)
         if (reason == "no answer from the engine")
             throw Error(Error::Kind::kCannot,
                         "the engine of the service (pid " + std::to_string(pid) + ") is busy: no answer within " +
-                            std::to_string(kAnswerSeconds) +
-                            " s; the event waits its turn and may still be handled (see: lumora-tv notifications)");
+                            std::to_string(answerWait.count()) +
+                            " s; the event waits its turn and may still be handled (see: lumora-tv notifications; "
+                            "event --wait SECONDS waits longer)");
         throw Error(Error::Kind::kCannot, "the engine of the service (pid " + std::to_string(pid) +
                                               ") is not started (" + reason +
                                               "); the service starts it 3 s after it finds the widget: lumora-tv "

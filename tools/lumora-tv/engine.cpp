@@ -81,8 +81,23 @@ std::string Summary(const tvhost::notifications::Record &r)
 
 } // namespace
 
-int Event(const Args &args)
+int Event(const Args &arguments)
 {
+    Args args;
+    std::chrono::seconds answerWait = hosttv::kEventAnswerWait;
+    for (size_t i = 0; i < arguments.size(); ++i) {
+        if (arguments[i] != "--wait") {
+            args.push_back(arguments[i]);
+            continue;
+        }
+        int seconds = 0;
+        if (i + 1 >= arguments.size() || !tvhost::ParseInt(arguments[i + 1], seconds) || seconds < 1 || seconds > 86400)
+            throw UsageError("--wait needs a whole number of seconds from 1 to 86400, such as 60");
+        answerWait = std::chrono::seconds(seconds);
+        ++i;
+    }
+    if (args.size() != 2)
+        throw BadArguments{};
     int number = 0;
     if (!tvhost::ParseInt(args[0], number))
         throw UsageError("bad event number \"" + args[0] + "\": give a whole decimal number such as 5 or 12291");
@@ -101,7 +116,7 @@ int Event(const Args &args)
     else if (!IsUtf8(text))
         Warn(source + " is not UTF-8 text");
 
-    const hosttv::EventOutcome outcome = hosttv::SendEvent(number, text, std::chrono::milliseconds(500));
+    const hosttv::EventOutcome outcome = hosttv::SendEvent(number, text, std::chrono::milliseconds(500), answerWait);
     std::printf("event %d: the service answered %d%s\n", number, outcome.answer,
                 outcome.answer == -2 ? " (the engine has no callback: the service did not register one)" : "");
     for (const auto &r : outcome.shown)

@@ -42,6 +42,7 @@ struct Command {
     size_t nMaxArgs; // kAny: the handler checks them itself
     const char *help;
     int (*handler)(const Args &);
+    std::string (*more)() = nullptr; // what its help lists beside the text (the scenarios, the samples)
 };
 
 int Help(const Args &args);
@@ -52,12 +53,66 @@ const char kTv[] = "The TV: settings, widget, network";
 const char kViewer[] = "What the viewer sees, and the engine";
 const char kTool[] = "This tool";
 
+// Lines of at most width characters, broken between words.
+std::vector<std::string> Wrap(const std::string &text, size_t width)
+{
+    std::vector<std::string> lines(1);
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find(' ', start);
+        if (end == std::string::npos)
+            end = text.size();
+        const std::string word = text.substr(start, end - start);
+        if (!lines.back().empty() && lines.back().size() + 1 + word.size() > width)
+            lines.emplace_back();
+        lines.back() += (lines.back().empty() ? "" : " ") + word;
+        start = end + 1;
+    }
+    return lines;
+}
+
+constexpr size_t kColumn = 27;
+constexpr size_t kWidth = 92;
+
+// Two columns: each name, and its text wrapped beside it.
+std::string Rows(const std::vector<std::pair<std::string, std::string>> &rows)
+{
+    std::string out;
+    for (const auto &[left, text] : rows) {
+        std::string row = "  " + left;
+        if (row.size() + 2 > kColumn)
+            out += row + "\n", row.clear();
+        for (const std::string &line : Wrap(text, kWidth - kColumn)) {
+            row.resize(kColumn, ' ');
+            out += row + line + "\n";
+            row.clear();
+        }
+    }
+    return out;
+}
+
+std::string ScenarioSection()
+{
+    std::vector<std::pair<std::string, std::string>> rows;
+    for (const std::string &name : hosttv::Scenarios())
+        rows.emplace_back(name, hosttv::ScenarioText(name));
+    return "Scenarios (run --scenario NAME):\n" + Rows(rows);
+}
+
+std::string EventSection()
+{
+    std::vector<std::pair<std::string, std::string>> rows;
+    for (const hosttv::EventKind &kind : hosttv::EventKinds())
+        rows.emplace_back(std::to_string(kind.number) + " " + kind.sample, kind.what);
+    return "Events the service acts on (event NUMBER SAMPLE), with their shipped sample texts:\n" + Rows(rows);
+}
+
 const Command kCommands[] = {
     {kService, "run", "run [--scenario NAME]", 0, kAny,
      "prepare the host TV and run the service in the foreground, with the engine playing scenario NAME (quiet "
      "without one; the scenarios are below). One service per host TV. Ctrl-C (exit status 130) or lumora-tv stop "
      "ends it; a service that ends by itself gives its own status",
-     Run},
+     Run, ScenarioSection},
     {kService, "stop", "stop", 0, 0,
      "end the running service (SIGTERM) and wait for it; its watchdog timer may take up to 6 s", Stop},
     {kService, "logs", "logs [-f] [--level L] [-n N]", 0, kAny,
@@ -92,10 +147,11 @@ const Command kCommands[] = {
      "service launched. The pop-up then leaves the screen",
      Press},
     {kViewer, "timeout", "timeout ITEM", 1, 1, "let a pop-up time out; it leaves the screen", Timeout},
-    {kViewer, "event", "event NUMBER FILE|SAMPLE|-", 2, 2,
-     "raise engine event NUMBER with the text of FILE, of a shipped SAMPLE (below), or of standard input (-) as its "
-     "first parameter; prints what the host TV saw happen",
-     Event},
+    {kViewer, "event", "event [--wait SECONDS] NUMBER FILE|SAMPLE|-", 2, kAny,
+     "raise engine event NUMBER with the text of FILE, of a shipped SAMPLE (below), or of "
+     "standard input (-) as its first parameter; prints what the host TV saw happen. --wait: how long to wait for "
+     "the engine's answer (default 10 s; a large text takes longer)",
+     Event, EventSection},
     {kViewer, "scenario", "scenario --from-log LOG [--out FILE] [--session N] [--gap MS]", 2, kAny,
      "one replay file (the engine's mode file with the TV's side) from the run of the service in a TV's log, plain "
      "or gzip; --session picks a run (default the last), --gap the time between steps of a log without times "
@@ -114,24 +170,6 @@ const Command kCommands[] = {
     {kTool, "version", "version", 0, 0, "the version of lumora-tv (also: lumora-tv --version)", Version},
 };
 
-// Lines of at most width characters, broken between words.
-std::vector<std::string> Wrap(const std::string &text, size_t width)
-{
-    std::vector<std::string> lines(1);
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find(' ', start);
-        if (end == std::string::npos)
-            end = text.size();
-        const std::string word = text.substr(start, end - start);
-        if (!lines.back().empty() && lines.back().size() + 1 + word.size() > width)
-            lines.emplace_back();
-        lines.back() += (lines.back().empty() ? "" : " ") + word;
-        start = end + 1;
-    }
-    return lines;
-}
-
 // Where this program is, for the hint how to type just "lumora-tv".
 std::string SelfPath()
 {
@@ -142,32 +180,15 @@ std::string SelfPath()
 
 std::string Overview()
 {
-    const size_t kColumn = 27;
-    const size_t kWidth = 92;
     std::string out = "usage: lumora-tv COMMAND [ARGUMENTS]\n\nDrives the host TV of this build tree from another "
                       "shell.\n";
-    auto rows = [&](const std::string &left, const std::string &text) {
-        std::string row = "  " + left;
-        if (row.size() + 2 > kColumn)
-            out += row + "\n", row.clear();
-        for (const std::string &line : Wrap(text, kWidth - kColumn)) {
-            row.resize(kColumn, ' ');
-            out += row + line + "\n";
-            row.clear();
-        }
-    };
     const char *group = "";
     for (const Command &c : kCommands) {
         if (std::string(group) != c.group)
             out += std::string("\n") + (group = c.group) + ":\n";
-        rows(c.synopsis, c.help);
+        out += Rows({{c.synopsis, c.help}});
     }
-    out += "\nScenarios (run --scenario NAME):\n";
-    for (const std::string &name : hosttv::Scenarios())
-        rows(name, hosttv::ScenarioText(name));
-    out += "\nEvents the service acts on (event NUMBER SAMPLE), with their shipped sample texts:\n";
-    for (const hosttv::EventKind &kind : hosttv::EventKinds())
-        rows(std::to_string(kind.number) + " " + kind.sample, kind.what);
+    out += "\n" + ScenarioSection() + "\n" + EventSection();
     std::vector<std::string> languages;
     for (const hosttv::Language &l : hosttv::Languages())
         languages.push_back(l.value);
@@ -189,7 +210,7 @@ std::string Usage(const Command &c)
     std::string out = std::string("usage: lumora-tv ") + c.synopsis + "\n\n";
     for (const std::string &line : Wrap(c.help, 78))
         out += "  " + line + "\n";
-    return out;
+    return c.more ? out + "\n" + c.more() : out;
 }
 
 const Command *Find(const std::string &name)
