@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "BenchResults.h"
+#include "proc/process.h"
 #include "tvhost/apps.h"
 #include "tvhost/network.h"
 #include "tvhost/settings.h"
@@ -192,13 +193,12 @@ private:
     int m_nWatchdogs = 0;
 };
 
-bool WaitForLog(const std::string &path, const std::string &text, pid_t pid, Clock::time_point deadline)
+bool WaitForLog(const std::string &path, const std::string &text, proc::Child &service, Clock::time_point deadline)
 {
     while (Clock::now() < deadline) {
         if (ReadAll(path).find(text) != std::string::npos)
             return true;
-        int status;
-        if (waitpid(pid, &status, WNOHANG) == pid)
+        if (!service.Running())
             return false;
         std::this_thread::sleep_for(100ms);
     }
@@ -238,36 +238,34 @@ int main()
     }
 
     const std::string binary = LUMORA_SERVICE_BINARY;
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(logFd, STDOUT_FILENO);
-        dup2(logFd, STDERR_FILENO);
-        close(logFd);
-        std::string path = root + "/usr/bin:" + std::getenv("PATH");
-        setenv("PATH", path.c_str(), 1);
-        setenv("NOTIFY_SOCKET", notify.Address().c_str(), 1);
-        setenv("TVHOST_DRAW", "0", 1);
-        setenv("QORV_SIM_QUIET", "1", 1);
-        unsetenv("TVHOST_LOG");
-        unsetenv("TVHOST_LOG_STDERR");
-        unsetenv("QORV_SIM_MODE");
-        unsetenv("QORV_SIM_SPEED");
-        execl(binary.c_str(), binary.c_str(), static_cast<char *>(nullptr));
-        _exit(127);
+    proc::Spec spec;
+    spec.argv = {binary};
+    spec.env.Set("PATH", root + "/usr/bin:" + spec.env.Get("PATH").value_or("/usr/bin:/bin"))
+        .Set("NOTIFY_SOCKET", notify.Address())
+        .Set("TVHOST_DRAW", "0")
+        .Set("QORV_SIM_QUIET", "1");
+    for (const char *name : {"TVHOST_LOG", "TVHOST_LOG_STDERR", "QORV_SIM_MODE", "QORV_SIM_SPEED"})
+        spec.env.Unset(name);
+    spec.fds = {{STDOUT_FILENO, logFd}, {STDERR_FILENO, logFd}};
+    proc::Child service;
+    try {
+        service = proc::Child::Start(spec);
+    } catch (const proc::Error &e) {
+        std::fprintf(stderr, "idle: %s\n", e.what());
+        return 2;
     }
     close(logFd);
+    const pid_t pid = service.Pid();
     std::printf("idle: %s (pid %d), log in %s\n", binary.c_str(), static_cast<int>(pid), logPath);
 
     auto Fail = [&](const char *what) {
         std::fprintf(stderr, "idle: %s; the service's log is %s\n", what, logPath);
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-        return 1;
+        return 1; // the service is killed as it goes
     };
     // Engine started, callback registered and the language sent: the end of
     // the start sequence.
-    if (!WaitForLog(logPath, "Success to start qorv!", pid, Clock::now() + 30s) ||
-        !WaitForLog(logPath, "Begin to Execute strCommand = SetSystemLanguage!", pid, Clock::now() + 10s))
+    if (!WaitForLog(logPath, "Success to start qorv!", service, Clock::now() + 30s) ||
+        !WaitForLog(logPath, "Begin to Execute strCommand = SetSystemLanguage!", service, Clock::now() + 10s))
         return Fail("the engine did not start");
     // The window starts just after a watchdog tick, so it holds whole periods.
     notify.Drain();
@@ -300,19 +298,11 @@ int main()
         }
     close(inotifyFd);
 
-    kill(pid, SIGTERM);
-    int nStatus = 0;
-    bool bEnded = false;
-    for (auto until = Clock::now() + 10s; Clock::now() < until;) {
-        if (waitpid(pid, &nStatus, WNOHANG) == pid) {
-            bEnded = true;
-            break;
-        }
-        std::this_thread::sleep_for(50ms);
-    }
-    if (!bEnded)
+    // An end within 10 s of SIGTERM, or a kill.
+    service.Signal(SIGTERM);
+    if (!service.Wait(10s))
         return Fail("the service did not end on SIGTERM");
-
+    const int nStatus = *service.Status();
     const double dPerMinute = 60.0 / dSeconds;
     long long nVoluntary = 0, nInvoluntary = 0, nRuntimeNs = 0;
     std::printf("idle: %.1f s window after the engine start, %zu threads\n", dSeconds, after.threads.size());

@@ -1,13 +1,13 @@
 #include "LumoraTv.h"
 
 #include <fstream>
-#include <spawn.h>
 #include <sstream>
 #include <stdexcept>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "proc/process.h"
 #include "tvhost/network.h"
 
 namespace {
@@ -20,7 +20,6 @@ std::string ReadBack(int fd)
     lseek(fd, 0, SEEK_SET);
     for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;)
         text.append(buf, static_cast<size_t>(n));
-    close(fd);
     return text;
 }
 
@@ -41,31 +40,21 @@ std::string LumoraTvBinary()
 LumoraTvResult LumoraTv(const std::vector<std::string> &args, const std::string &input)
 {
     // Memory files, not pipes: nothing has to be drained while it runs.
-    int fds[3];
-    for (int &fd : fds)
-        if ((fd = memfd_create("lumora-tv", MFD_CLOEXEC)) < 0)
+    proc::Fd fds[3];
+    for (proc::Fd &fd : fds)
+        if (!(fd = proc::Fd(memfd_create("lumora-tv", MFD_CLOEXEC))))
             throw std::runtime_error("memfd_create failed");
-    if (write(fds[0], input.data(), input.size()) != static_cast<ssize_t>(input.size()))
+    if (write(fds[0].Get(), input.data(), input.size()) != static_cast<ssize_t>(input.size()))
         throw std::runtime_error("cannot write the standard input");
-    lseek(fds[0], 0, SEEK_SET);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
+    lseek(fds[0].Get(), 0, SEEK_SET);
+    proc::Spec spec;
+    spec.argv = {LumoraTvBinary()};
+    spec.argv.insert(spec.argv.end(), args.begin(), args.end());
     for (int i = 0; i < 3; ++i)
-        posix_spawn_file_actions_adddup2(&actions, fds[i], i);
-    const std::string binary = LumoraTvBinary();
-    std::vector<char *> argv{const_cast<char *>(binary.c_str())};
-    for (const auto &a : args)
-        argv.push_back(const_cast<char *>(a.c_str()));
-    argv.push_back(nullptr);
-    pid_t pid = -1;
-    const int error = posix_spawn(&pid, binary.c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0)
-        throw std::runtime_error("cannot start " + binary);
-    int wstatus = 0;
-    while (waitpid(pid, &wstatus, 0) < 0) {}
-    close(fds[0]);
-    return {WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1, ReadBack(fds[1]), ReadBack(fds[2])};
+        spec.fds.emplace_back(i, fds[i].Get());
+    proc::Child child = proc::Child::Start(spec);
+    const int wstatus = child.Wait(std::chrono::milliseconds(-1)).value_or(-1);
+    return {WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1, ReadBack(fds[1].Get()), ReadBack(fds[2].Get())};
 }
 
 std::string Describe(const std::vector<std::string> &args, const LumoraTvResult &result)

@@ -8,12 +8,12 @@
 #include <fcntl.h>
 #include <stdexcept>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "LumoraTv.h"
+#include "tvhost/parse.h"
 
 using namespace std::chrono_literals;
 
@@ -25,24 +25,19 @@ Supervisor::Supervisor()
         throw std::runtime_error("mkstemp failed");
     close(fd);
     m_strLogPath = tmpl;
-    m_logFd = open(tmpl, O_RDONLY | O_CLOEXEC);
-    if (m_logFd < 0)
+    m_log = proc::Fd(open(tmpl, O_RDONLY | O_CLOEXEC));
+    if (!m_log)
         throw std::runtime_error("cannot read the log");
 }
 
 Supervisor::~Supervisor()
 {
     if (Running()) {
-        // `lumora-tv run` ends once its service has.
+        // `lumora-tv run` ends once its service has; the child itself is
+        // killed when m_child goes.
         kill(m_pidService, SIGKILL);
-        if (Wait(5s) == -1) {
-            kill(m_pid, SIGKILL);
-            Wait(5s);
-        }
+        Wait(5s);
     }
-    if (m_pidfd >= 0)
-        close(m_pidfd);
-    close(m_logFd);
     unlink(m_strLogPath.c_str());
 }
 
@@ -55,8 +50,10 @@ void Supervisor::Start(const std::vector<std::string> &runArgs, const std::vecto
     if (WaitForLog(started, 20s)) {
         const std::string &log = Log();
         const size_t at = log.find(" (pid ", log.find(started));
-        if (at != std::string::npos)
-            m_pidService = std::atoi(log.c_str() + at + 6);
+        const size_t end = at == std::string::npos ? at : log.find(')', at);
+        int pid = 0;
+        if (end != std::string::npos && tvhost::ParseInt(std::string_view(log).substr(at + 6, end - at - 6), pid))
+            m_pidService = pid;
     }
 }
 
@@ -71,41 +68,18 @@ namespace {
 
 // The environment of the child: this process's, with the log and the drawings
 // going to the captured output and the given entries on top.
-std::vector<std::string> ChildEnvironment(const std::vector<std::string> &extra)
+proc::Environment ChildEnvironment(const std::vector<std::string> &extra)
 {
-    std::vector<std::string> env;
-    std::string asan = "ASAN_OPTIONS=";
-    for (char **e = environ; *e; ++e) {
-        const std::string entry = *e;
-        const std::string name = entry.substr(0, entry.find('='));
-        if (name == "ASAN_OPTIONS")
-            asan = entry + ":";
-        else if (name != "TVHOST_LOG" && name != "TVHOST_LOG_STDERR" && name != "TVHOST_DRAW")
-            env.push_back(entry);
-    }
+    proc::Environment env = proc::Environment::Current();
+    const std::optional<std::string> asan = env.Get("ASAN_OPTIONS");
     // libxml2 has no frame pointers: with the fast unwinder the stacks of its
     // allocations end inside it, and the leak suppressions of what the service
     // keeps on purpose (tests/lsan.supp) cannot match them.
-    env.push_back(asan + "fast_unwind_on_malloc=0");
-    env.push_back("TVHOST_LOG_STDERR=1");
-    env.push_back("TVHOST_DRAW=stdout");
-    for (const std::string &e : extra) {
-        const std::string name = e.substr(0, e.find('=') + 1);
-        env.erase(std::remove_if(env.begin(), env.end(),
-                                 [&](const std::string &have) { return have.compare(0, name.size(), name) == 0; }),
-                  env.end());
-        env.push_back(e);
-    }
+    env.Set("ASAN_OPTIONS", (asan ? *asan + ":" : "") + "fast_unwind_on_malloc=0");
+    env.Unset("TVHOST_LOG").Set("TVHOST_LOG_STDERR", "1").Set("TVHOST_DRAW", "stdout");
+    for (const std::string &e : extra)
+        env.Put(e);
     return env;
-}
-
-std::vector<char *> Pointers(std::vector<std::string> &texts)
-{
-    std::vector<char *> out;
-    for (std::string &t : texts)
-        out.push_back(&t[0]);
-    out.push_back(nullptr);
-    return out;
 }
 
 // The texts the service sends to its supervisor.
@@ -166,53 +140,35 @@ Supervision Judge(const std::vector<NotifySocket::Message> &messages, pid_t pid,
 
 void Supervisor::Spawn(std::vector<std::string> argv, const std::vector<std::string> &env)
 {
-    std::vector<std::string> envTexts = ChildEnvironment(env);
-    std::vector<char *> argp = Pointers(argv);
-    std::vector<char *> envp = Pointers(envTexts);
+    proc::Fd log(open(m_strLogPath.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+    if (!log)
+        throw std::runtime_error("cannot write " + m_strLogPath);
+    proc::Spec spec;
+    spec.argv = std::move(argv);
+    spec.env = ChildEnvironment(env);
+    spec.fds = {{STDOUT_FILENO, log.Get()}, {STDERR_FILENO, log.Get()}};
     // Its own group, as a shell's job: a test may signal the whole of it.
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, m_strLogPath.c_str(), O_WRONLY | O_TRUNC, 0);
-    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+    spec.bOwnGroup = true;
     m_started = Clock::now();
-    pid_t pid = -1;
-    const int error = posix_spawn(&pid, argp[0], &actions, &attr, argp.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attr);
-    if (error != 0)
-        throw std::runtime_error("cannot start " + argv[0]);
-    m_pid = m_pidStarted = m_pidService = pid;
-    if (m_pidfd >= 0)
-        close(m_pidfd);
-    m_pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-    if (m_pidfd < 0)
-        throw std::runtime_error("pidfd_open failed");
+    m_child = proc::Child::Start(spec);
+    m_pidStarted = m_pidService = m_child.Pid();
     m_strLog.clear();
-    lseek(m_logFd, 0, SEEK_SET);
+    lseek(m_log.Get(), 0, SEEK_SET);
 }
 
 bool Supervisor::Running()
 {
-    Wait(0ms);
-    return m_pid > 0;
+    return m_child.Running();
 }
 
 int Supervisor::Wait(std::chrono::milliseconds timeout)
 {
-    struct pollfd pfd = {m_pidfd, POLLIN, 0};
-    if (m_pid > 0 && poll(&pfd, 1, static_cast<int>(timeout.count())) != 1)
-        return -1;
-    if (m_pid > 0 && waitpid(m_pid, &m_nStatus, 0) == m_pid)
-        m_pid = -1;
-    return m_nStatus;
+    return m_child.Wait(timeout).value_or(-1);
 }
 
 Supervision Supervisor::Terminate(std::chrono::milliseconds timeout)
 {
-    if (m_pid > 0)
+    if (Running())
         kill(m_pidService, SIGTERM);
     return Ended(timeout);
 }
@@ -231,7 +187,7 @@ Supervision Supervisor::Ended(std::chrono::milliseconds timeout)
 void Supervisor::ReadLog()
 {
     char buf[65536];
-    for (ssize_t n; (n = read(m_logFd, buf, sizeof buf)) > 0;)
+    for (ssize_t n; (n = read(m_log.Get(), buf, sizeof buf)) > 0;)
         m_strLog.append(buf, static_cast<size_t>(n));
 }
 
@@ -272,7 +228,7 @@ bool Supervisor::WaitForLog(const std::string &text, std::chrono::milliseconds t
         if (bEnded || left.count() <= 0)
             return false;
         // Woken by the end of the service, or a moment later to read on.
-        struct pollfd pfd = {m_pidfd, POLLIN, 0};
+        struct pollfd pfd = {m_child.PidFd(), POLLIN, 0};
         poll(&pfd, 1, static_cast<int>(std::min<long long>(left.count(), 20)));
     }
 }

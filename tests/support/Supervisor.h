@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "NotifySocket.h"
+#include "proc/process.h"
 
 // The messages of one run, judged as systemd would see them.
 struct Supervision {
@@ -75,13 +76,11 @@ private:
 
     NotifySocket m_socket;
     std::string m_strLogPath;
-    int m_logFd = -1; // read on from its offset
+    proc::Fd m_log; // read on from its offset
     std::string m_strLog;
-    int m_pidfd = -1;
-    pid_t m_pid = -1; // -1 once reaped
+    proc::Child m_child;
     pid_t m_pidStarted = -1;
     pid_t m_pidService = -1;
-    int m_nStatus = -1;
     Clock::time_point m_started;
 };
 

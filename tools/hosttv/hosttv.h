@@ -7,11 +7,13 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "proc/process.h"
 #include "tvhost/apps.h"
 #include "tvhost/notifications.h"
 
@@ -40,9 +42,12 @@ int ReadNumber(const std::string &text, const std::string &what);
 
 // ---- the service: run, reset, status, power ---------------------------------
 
-// The running service's process id; 0 when none runs. A service that
-// `lumora-tv run` started counts from its start, before it answers.
+// The running service's process id; 0 when none runs, or while a front end
+// is starting one and its pid is not known yet.
 int ServicePid();
+// Whether a front end (run, web, replay) holds the run lock: it is starting
+// the service or the service it started runs.
+bool ServiceStarting();
 
 // Whether the engine inside the running service takes events.
 bool EngineAnswers();
@@ -55,26 +60,27 @@ std::string ScenarioText(const std::string &name);
 extern const char kDefaultScenario[];
 
 struct RunPlan {
-    std::string binary;   // the service to start
-    std::string scenario; // what the engine plays: a shipped name, or a file QORV_SIM_MODE names
-    std::string why;      // why that one, for a person
-    std::string modeFile; // where the shipped scenario was copied for the engine
-    int lockFd = -1;      // the run lock, held by the service after the exec
+    std::string binary;    // the service to start
+    std::string scenario;  // what the engine plays: a shipped name, or a file QORV_SIM_MODE names
+    std::string why;       // why that one, for a person
+    std::string modeFile;  // where the shipped scenario was copied for the engine
+    proc::Environment env; // the service's whole environment
+    proc::Fd lock;         // the run lock, held until the service holds it
 };
 // Gets the TV root ready for a run: takes the run lock (one service per host
 // TV: refused while one runs) and refuses when the service is not built; puts
 // scenario (kDefaultScenario when empty, unless QORV_SIM_MODE names a file) in
 // place as the engine's mode.xml, and forgets earlier power-offs. Begins the
-// service's log afresh (the previous run's kept as LogPath() + ".1") and sets
-// TVHOST_LOG_FILE in this process's environment for the service to inherit.
+// service's log afresh (the previous run's kept as LogPath() + ".1") and names
+// it in plan.env's TVHOST_LOG_FILE. Nothing is left held when it fails.
 RunPlan PrepareRun(const std::string &scenario);
 // "the engine plays scenario "NAME" (why): what it does", for a person.
 std::string PlanText(const RunPlan &plan);
-// Starts the service as a child of this process. The run lock passes to the
-// child (this process closes plan.lockFd; the lock names the child, for
-// ServicePid), which starts with no signal blocked. Returns its pid; waiting
-// for it is the caller's.
-int StartService(const RunPlan &plan);
+// Starts the service of plan as a child of this process, with plan.env and
+// the descriptors given (child's number, this process's descriptor; 0-2 are
+// inherited unless given). The run lock passes to the child and names it once
+// it runs; a start that fails leaves no lock and no child.
+proc::Child StartService(RunPlan &&plan, const std::vector<std::pair<int, int>> &fds = {});
 // How a service StartService started ended, from its wait status, for a
 // person: switched the TV off, an exit status, a crash or a kill; empty for a
 // clean end.
@@ -85,8 +91,11 @@ std::string EndText(int waitStatus);
 void Reset();
 
 // Asks the running service to end (SIGTERM) and waits up to wait for it;
-// its pid. Refused when none runs or it does not end in time.
-int StopService(std::chrono::seconds wait);
+// its pid. Only a service that a front end started (its pid read whole from
+// the held run lock) is signalled; signalled(pid) is told once it was.
+// Refused when none runs, when it holds no lock, or when it does not end in
+// time.
+int StopService(std::chrono::seconds wait, const std::function<void(int pid)> &signalled = nullptr);
 
 struct Power {
     bool bOff = false;
@@ -102,6 +111,7 @@ struct WidgetState {
 
 struct Status {
     int servicePid = 0;
+    bool bStarting = false;               // a front end is starting the service, whose pid is not known yet
     std::optional<size_t> popupsOnScreen; // when the running service told
     bool bEngineStarted = false;
     WidgetState widget;

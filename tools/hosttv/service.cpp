@@ -7,16 +7,18 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <poll.h>
 #include <sys/file.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
-#include <linux/close_range.h>
 #include <unistd.h>
 
 #include "hosttv/hosttv.h"
 #include "qorv_sim_client.h"
 #include "tvhost/local_socket.h"
 #include "tvhost/network.h"
+#include "tvhost/parse.h"
 #include "tvhost/power.h"
 #include "tvhost/settings.h"
 #include "tvhost/tvhost.h"
@@ -53,58 +55,70 @@ std::string ScenarioList()
     return out;
 }
 
-// One service per host TV: `run` holds this lock from before the service
-// starts until it ends (the descriptor survives the exec), so two runs
-// started at once cannot both pass the check.
+// One service per host TV: a front end takes this lock before it prepares
+// the TV root and the service takes it over (the descriptor survives the
+// exec), so two runs started at once cannot both pass the check. It is empty
+// until the service runs, then names it whole: "PID\n".
 std::string LockPath()
 {
     return tvhost::Root() + "/opt/var/tvhost/service.lock";
 }
 
+struct LockState {
+    bool bHeld = false;
+    int pid = 0; // 0 while the front end that holds it has not started the service
+};
+
+// The pid a held lock names, from its whole text only.
 int ReadLockPid(int fd)
 {
-    char text[32] = {};
-    const ssize_t n = pread(fd, text, sizeof text - 1, 0);
-    return n > 0 ? std::atoi(text) : 0;
-}
-
-// The pid in a lock that someone holds; 0 when it is free.
-int LockHolder()
-{
-    const int fd = open(LockPath().c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
+    char text[32];
+    const ssize_t n = pread(fd, text, sizeof text, 0);
+    if (n < 2 || n >= static_cast<ssize_t>(sizeof text) || text[n - 1] != '\n')
         return 0;
     int pid = 0;
-    if (flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK)
-        pid = std::max(1, ReadLockPid(fd));
-    close(fd);
-    return pid;
+    return tvhost::ParseInt(std::string_view(text, static_cast<size_t>(n - 1)), pid) && pid > 1 ? pid : 0;
+}
+
+bool Held(int fd)
+{
+    return flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+}
+
+LockState ReadLock(proc::Fd *pKeep = nullptr)
+{
+    LockState state;
+    proc::Fd fd(open(LockPath().c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd || !Held(fd.Get()))
+        return state;
+    state.bHeld = true;
+    state.pid = ReadLockPid(fd.Get());
+    if (pKeep)
+        *pKeep = std::move(fd);
+    return state;
 }
 
 [[noreturn]] void FailAlreadyRuns(int pid)
 {
+    if (!pid)
+        throw Error(Error::Kind::kCannot, "a service is being started on this host TV; wait for it, then drive it "
+                                          "with lumora-tv, or stop it: lumora-tv stop");
     throw Error(Error::Kind::kCannot, "the service already runs on this host TV (pid " + std::to_string(pid) +
-                                          "); drive it with lumora-tv, or stop it first: kill " + std::to_string(pid));
+                                          "); drive it with lumora-tv, or stop it first: lumora-tv stop");
 }
 
-// Takes the run lock for this process (and the service it becomes).
-int TakeLock()
+// Takes the run lock for this process (and the service it starts), empty.
+proc::Fd TakeLock()
 {
     std::error_code ec;
     fs::create_directories(fs::path(LockPath()).parent_path(), ec);
-    const int fd = open(LockPath().c_str(), O_RDWR | O_CREAT, 0644);
-    if (fd < 0)
+    proc::Fd fd(open(LockPath().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    if (!fd)
         throw Error(Error::Kind::kCannot, "cannot open " + LockPath() + ": " + std::strerror(errno));
-    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        const int pid = ReadLockPid(fd);
-        close(fd);
-        FailAlreadyRuns(pid);
-    }
-    const std::string pid = std::to_string(getpid()) + "\n";
-    if (ftruncate(fd, 0) != 0 || pwrite(fd, pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size())) {
-        close(fd);
+    if (flock(fd.Get(), LOCK_EX | LOCK_NB) != 0)
+        FailAlreadyRuns(ReadLockPid(fd.Get()));
+    if (ftruncate(fd.Get(), 0) != 0)
         throw Error(Error::Kind::kCannot, "cannot write " + LockPath() + ": " + std::strerror(errno));
-    }
     return fd;
 }
 
@@ -116,7 +130,12 @@ int ServicePid()
     tvhost::notifications::remote::Error error;
     if (tvhost::notifications::remote::Ping(pid, error))
         return pid;
-    return LockHolder();
+    return ReadLock().pid;
+}
+
+bool ServiceStarting()
+{
+    return ReadLock().bHeld;
 }
 
 bool EngineAnswers()
@@ -167,8 +186,9 @@ RunPlan PrepareRun(const std::string &scenario)
                               std::find(shipped.begin(), shipped.end(), scenario) == shipped.end()))
         throw Error(Error::Kind::kBadRequest,
                     "unknown scenario \"" + scenario + "\"; the shipped ones are: " + ScenarioList());
-    const char *pModeEnv = std::getenv("QORV_SIM_MODE");
-    plan.lockFd = TakeLock();
+    plan.lock = TakeLock();
+    plan.env = proc::Environment::Current();
+    const std::optional<std::string> modeEnv = plan.env.Get("QORV_SIM_MODE");
 
     // Always copied: a scenario left in the data folder by an earlier run
     // (the demo's switches the TV off) must not replay unasked.
@@ -184,9 +204,9 @@ RunPlan PrepareRun(const std::string &scenario)
     if (ec)
         throw Error(Error::Kind::kCannot, "cannot copy " + source + " to " + plan.modeFile + ": " + ec.message());
     // The engine reads the file this names before the data folder's.
-    if (pModeEnv && *pModeEnv) {
+    if (modeEnv && !modeEnv->empty()) {
         plan.why = "QORV_SIM_MODE names it; the engine reads it instead of " + plan.scenario;
-        plan.scenario = pModeEnv;
+        plan.scenario = *modeEnv;
     }
     tvhost::power::ClearRecorded();
 
@@ -194,7 +214,7 @@ RunPlan PrepareRun(const std::string &scenario)
     const std::string log = LogPath();
     if (rename(log.c_str(), (log + ".1").c_str()) != 0 && errno != ENOENT)
         throw Error(Error::Kind::kCannot, "cannot move the previous log " + log + " aside: " + std::strerror(errno));
-    setenv("TVHOST_LOG_FILE", log.c_str(), 1);
+    plan.env.Set("TVHOST_LOG_FILE", log);
     return plan;
 }
 
@@ -218,70 +238,83 @@ std::string EndText(int status)
            " (" + strsignal(sig) + ")";
 }
 
-int StartService(const RunPlan &plan)
+proc::Child StartService(RunPlan &&plan, const std::vector<std::pair<int, int>> &fds)
 {
-    // Only async-signal-safe calls in the child (the caller may have
-    // threads), so every text is made before the fork.
-    const std::string failure = "lumora-tv: cannot start " + plan.binary + "\n";
-    const pid_t pid = fork();
-    if (pid < 0)
-        throw Error(Error::Kind::kCannot, "cannot start " + plan.binary + ": " + std::strerror(errno));
-    if (pid == 0) {
-        if (plan.lockFd >= 0) {
-            // The lock names the service, not the process that waits for it.
-            char digits[24];
-            size_t n = sizeof digits;
-            digits[--n] = '\n';
-            for (unsigned long v = static_cast<unsigned long>(getpid()); v || n == sizeof digits - 1; v /= 10)
-                digits[--n] = static_cast<char>('0' + v % 10);
-            if (ftruncate(plan.lockFd, 0) != 0 ||
-                pwrite(plan.lockFd, digits + n, sizeof digits - n, 0) != static_cast<ssize_t>(sizeof digits - n))
-                _exit(127);
-        }
-        // Nothing of the starter's but the lock reaches the service: a web
-        // server's sockets would otherwise outlive it there.
-        const unsigned lockFd = plan.lockFd >= 3 ? static_cast<unsigned>(plan.lockFd) : 2;
-        if (lockFd > 3)
-            close_range(3, lockFd - 1, CLOSE_RANGE_CLOEXEC);
-        close_range(lockFd + 1, ~0U, CLOSE_RANGE_CLOEXEC);
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
-        execl(plan.binary.c_str(), plan.binary.c_str(), static_cast<char *>(nullptr));
-        ssize_t ignored = write(STDERR_FILENO, failure.data(), failure.size());
-        (void)ignored;
-        _exit(127);
+    RunPlan run = std::move(plan); // the lock goes with this call, whatever happens
+    proc::Spec spec;
+    spec.argv = {run.binary};
+    spec.env = std::move(run.env);
+    spec.fds = fds;
+    int lockTarget = 3;
+    for (const auto &m : fds)
+        lockTarget = std::max(lockTarget, m.first + 1);
+    spec.fds.emplace_back(lockTarget, run.lock.Get());
+    proc::Child child;
+    try {
+        child = proc::Child::Start(spec);
+    } catch (const proc::Error &e) {
+        throw Error(Error::Kind::kCannot, e.what());
     }
-    // The child holds the lock from here on: it is free once the service ends.
-    if (plan.lockFd >= 0)
-        close(plan.lockFd);
-    return pid;
+    // Both hold the lock now; once this process lets go, the service alone
+    // does, and it is free when the service ends.
+    const std::string pid = std::to_string(child.Pid()) + "\n";
+    if (pwrite(run.lock.Get(), pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size())) {
+        const int error = errno;
+        child.Stop(std::chrono::seconds(10));
+        throw Error(Error::Kind::kCannot, "cannot write " + LockPath() + ": " + std::strerror(error));
+    }
+    return child;
 }
 
-int StopService(std::chrono::seconds wait)
+int StopService(std::chrono::seconds wait, const std::function<void(int pid)> &signalled)
 {
-    const int pid = ServicePid();
-    if (!pid)
-        throw Error(Error::Kind::kCannot, "the service is not running on this host TV");
-    if (kill(pid, SIGTERM) != 0)
-        throw Error(Error::Kind::kCannot,
-                    "cannot stop the service (pid " + std::to_string(pid) + "): " + std::strerror(errno));
-    const auto deadline = std::chrono::steady_clock::now() + wait;
-    while (ServicePid() == pid) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            throw Error(Error::Kind::kCannot, "the service (pid " + std::to_string(pid) + ") did not end within " +
-                                                  std::to_string(wait.count()) + " s of SIGTERM; force it: kill -9 " +
-                                                  std::to_string(pid));
+    proc::Fd lock;
+    LockState state = ReadLock(&lock);
+    // A front end that holds the lock names the service as soon as it runs.
+    for (int i = 0; state.bHeld && !state.pid && i < 100; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        state = ReadLock(&lock);
     }
+    if (!state.bHeld) {
+        if (const int pid = ServicePid())
+            throw Error(Error::Kind::kCannot, "the service (pid " + std::to_string(pid) +
+                                                  ") was not started by lumora-tv, which stops only what it "
+                                                  "started; stop it where it was started");
+        throw Error(Error::Kind::kCannot, "the service is not running on this host TV");
+    }
+    if (!state.pid)
+        throw Error(Error::Kind::kCannot, "a service is being started on this host TV but does not run yet; try "
+                                          "again in a moment");
+    // The pid is read whole from a held lock; the pidfd pins that process, and
+    // the lock, still held and naming it, says it is still the service.
+    const int pid = state.pid;
+    proc::Fd pidfd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    if (!pidfd || !Held(lock.Get()) || ReadLockPid(lock.Get()) != pid ||
+        syscall(SYS_pidfd_send_signal, pidfd.Get(), SIGTERM, nullptr, 0) != 0) {
+        if (ReadLock().bHeld)
+            throw Error(Error::Kind::kCannot,
+                        "cannot stop the service (pid " + std::to_string(pid) + "): " + std::strerror(errno));
+        throw Error(Error::Kind::kCannot, "the service is not running on this host TV");
+    }
+    if (signalled)
+        signalled(pid);
+    struct pollfd pfd = {pidfd.Get(), POLLIN, 0};
+    int n;
+    while ((n = poll(&pfd, 1, static_cast<int>(std::chrono::milliseconds(wait).count()))) < 0 && errno == EINTR) {}
+    if (n == 0)
+        throw Error(Error::Kind::kCannot, "the service (pid " + std::to_string(pid) + ") did not end within " +
+                                              std::to_string(wait.count()) + " s of SIGTERM; force it: kill -9 " +
+                                              std::to_string(pid));
     return pid;
 }
 
 void Reset()
 {
-    if (int pid = ServicePid())
-        throw Error(Error::Kind::kCannot, "the service runs (pid " + std::to_string(pid) +
-                                              "); stop it before resetting the host TV: kill " + std::to_string(pid));
+    if (const int pid = ServicePid())
+        throw Error(Error::Kind::kCannot,
+                    "the service runs (pid " + std::to_string(pid) + "); stop it before resetting the host TV");
+    if (ServiceStarting())
+        throw Error(Error::Kind::kCannot, "a service is being started on this host TV; stop it before resetting");
     tvhost::apps::SetInstalled(kWidgetApp, true);
     tvhost::apps::SetRunning(kWidgetApp, false);
     tvhost::settings::SetString(kLanguageKey, kFreshLanguage);
@@ -308,6 +341,7 @@ Status ReadStatus()
 {
     Status status;
     status.servicePid = ServicePid();
+    status.bStarting = !status.servicePid && ServiceStarting();
     if (status.servicePid) {
         std::vector<tvhost::notifications::Record> shown;
         tvhost::notifications::remote::Error error;

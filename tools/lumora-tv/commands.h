@@ -33,6 +33,10 @@ bool TakeFlag(Args &args, const char *flag);
 
 // service.cpp
 int Run(const Args &args);
+// Waits for a service this process started until it ends, stopping it on a
+// stop signal; this command's exit status. afterEnd follows the line that
+// says how it ended (which a clean end without it does not get).
+int WaitForService(proc::Child &service, proc::StopSignals &signals, const char *afterEnd);
 int Stop(const Args &args);
 int Status(const Args &args);
 int Reset(const Args &args);

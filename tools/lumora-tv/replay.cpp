@@ -4,7 +4,7 @@
 #include <fstream>
 #include <map>
 #include <set>
-#include <thread>
+#include <unistd.h>
 
 #include "commands.h"
 #include "hosttv/replay.h"
@@ -98,52 +98,6 @@ size_t CountEvents(const tvlog::Plan &plan)
     return n;
 }
 
-// Runs one step on the host TV; a problem is returned for the table.
-std::string Perform(const tvlog::Step &s)
-{
-    using K = tvlog::StepKind;
-    try {
-        switch (s.kind) {
-        case K::kEvent: hosttv::RaiseEvent(s.event, s.param1, s.param2); break;
-        case K::kLanguage: hosttv::SetSetting(hosttv::FindSettingKey(hosttv::kLanguageKey), s.value); break;
-        case K::kNetwork: hosttv::SetNetwork(s.value); break;
-        case K::kInstall:
-        case K::kUninstall: hosttv::InstallWidget(s.kind == K::kInstall); break;
-        case K::kLaunch: hosttv::LaunchWidget(); break;
-        case K::kClose: hosttv::CloseWidget(); break;
-        case K::kPress: hosttv::PressButton(s.item, s.button); break;
-        }
-    } catch (const std::exception &e) {
-        return e.what();
-    }
-    return "";
-}
-
-// Draws the pop-ups that came since the last look.
-void DrawNew(std::set<int> &drawn)
-{
-    try {
-        for (const auto &r : hosttv::Popups())
-            if (drawn.insert(r.itemId).second)
-                std::printf("%s", tvhost::notifications::Render(r).c_str());
-        std::fflush(stdout);
-    } catch (const hosttv::Error &) {
-        // The service ended (a power-off): nothing more to draw.
-    }
-}
-
-bool WaitForEngine(pid_t pid)
-{
-    const auto deadline = Clock::now() + std::chrono::seconds(30);
-    int status = 0;
-    while (!hosttv::EngineAnswers()) {
-        if (Clock::now() > deadline || hosttv::WaitService(pid, milliseconds(0), status))
-            return false;
-        std::this_thread::sleep_for(milliseconds(50));
-    }
-    return true;
-}
-
 } // namespace
 
 int Scenario(const Args &args)
@@ -176,91 +130,41 @@ int Replay(const Args &args)
                                                               " has nothing to replay (no engine event, no "
                                                               "action of the TV or the viewer)");
 
-    // The host TV as the log shows it at the start; only now is it touched.
-    // Reset first: PrepareRun takes the run lock for this process.
-    hosttv::Reset();
-    const hosttv::RunPlan run = hosttv::PrepareRun("");
-    if (!plan.start.widget.bInstalled)
-        hosttv::InstallWidget(false);
-    else if (plan.start.widget.bRunning)
-        hosttv::LaunchWidget();
-    hosttv::SetSetting(hosttv::FindSettingKey(hosttv::kLanguageKey), plan.start.language);
-    hosttv::SetNetwork(plan.start.network.empty() ? "ethernet" : plan.start.network);
-    // The events come from the log in its order, injected one at a time,
-    // so the engine plays no scenario of its own.
-    hosttv::PlaceModeFile(
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Mode name=\"replay\"><Home/><Scenario/></Mode>\n");
-    const std::string hostLog = hosttv::ReplayLogPath();
-    std::printf("replaying %s (run of process %d): %zu events; host TV: widget %s%s, %s, %s; its log: %s\n",
-                o.input.c_str(), plan.pid, CountEvents(plan),
-                plan.start.widget.bInstalled ? "installed" : "not installed",
-                plan.start.widget.bRunning ? " and running" : "", plan.start.language.c_str(),
-                plan.start.network.c_str(), hostLog.c_str());
-    std::fflush(stdout);
-    const pid_t pid = hosttv::SpawnService(run, hostLog);
-
-    std::vector<std::string> problems;
-    std::set<int> drawn;
-    // Times count from the engine start: the first event, or a step the log
-    // shows after the start, waits for the replayed service's engine.
-    std::optional<Clock::time_point> t0;
-    bool bEngineLost = false;
-    for (const tvlog::Step &s : plan.steps) {
-        const bool bEvent = s.kind == tvlog::StepKind::kEvent;
-        if (!t0 && (bEvent || (s.ms > 0 && hosttv::Widget().bInstalled))) {
-            if (!WaitForEngine(pid) && bEvent) {
-                problems.push_back("the engine of the replayed service did not start; see " + hostLog);
-                bEngineLost = true;
-                break;
-            }
-            t0 = Clock::now();
-        }
-        if (t0 && s.ms > 0)
-            std::this_thread::sleep_until(
-                *t0 + std::chrono::microseconds(static_cast<int64_t>(static_cast<double>(s.ms) * 1000 / o.speed)));
-        const std::string problem = Perform(s);
-        if (!problem.empty())
-            problems.push_back("line " + std::to_string(s.line) + ": " + tvlog::StepName(s.kind) + ": " + problem);
-        if (s.kind == tvlog::StepKind::kEvent)
-            DrawNew(drawn);
-    }
-    DrawNew(drawn);
-
-    bool bPowerOff = false;
-    for (const auto &out : plan.outcomes)
-        bPowerOff = bPowerOff || (out.kind == tvlog::Outcome::Kind::kPowerOff && out.bOk);
-    int status = 0;
-    // A switched-off TV ends the service; otherwise let the last step settle.
-    if (!bPowerOff || bEngineLost || !hosttv::WaitService(pid, std::chrono::seconds(20), status)) {
-        std::this_thread::sleep_for(milliseconds(bEngineLost ? 0 : 500));
-        hosttv::StopService(pid, std::chrono::seconds(10));
+    proc::StopSignals signals;
+    hosttv::ReplayOptions options;
+    options.speed = o.speed;
+    options.onStart = [&] {
+        std::printf("replaying %s (run of process %d): %zu events; host TV: widget %s%s, %s, %s; its log: %s\n",
+                    o.input.c_str(), plan.pid, CountEvents(plan),
+                    plan.start.widget.bInstalled ? "installed" : "not installed",
+                    plan.start.widget.bRunning ? " and running" : "", plan.start.language.c_str(),
+                    plan.start.network.c_str(), hosttv::ReplayLogPath().c_str());
+        std::fflush(stdout);
+    };
+    options.onPopup = [](const tvhost::notifications::Record &r) {
+        std::printf("%s", tvhost::notifications::Render(r).c_str());
+        std::fflush(stdout);
+    };
+    options.stopped = [&signals](proc::Child::Clock::time_point until, const proc::Child &service) {
+        if (!signals.WaitUntil(until, &service))
+            return false;
+        std::fprintf(stderr, "%sstopping: the watchdog timer may take up to 6 s\n", isatty(STDERR_FILENO) ? "\n" : "");
+        return true;
+    };
+    const hosttv::ReplayResult result = hosttv::Replay(plan, options);
+    if (result.bStopped) {
+        std::fprintf(stderr, "lumora-tv: the replay was stopped; its service ended\n");
+        return 128 + signals.Got()->signo;
     }
 
-    tvlog::Plan replayed;
-    try {
-        replayed = tvlog::PlanFromLog(hostLog, {});
-    } catch (const tvlog::Error &e) {
-        problems.push_back(std::string("the host TV's log: ") + e.what());
-    }
-
-    std::map<int, std::pair<size_t, size_t>> counts;
-    for (const auto &s : plan.steps)
-        if (s.kind == tvlog::StepKind::kEvent)
-            ++counts[s.event].first;
-    for (const auto &s : replayed.steps)
-        if (s.kind == tvlog::StepKind::kEvent)
-            ++counts[s.event].second;
     std::printf("\n%-8s %8s %9s\n", "event", "in log", "replayed");
-    bool bRefreshed = false;
-    for (const auto &c : counts) {
+    for (const auto &c : result.eventCounts)
         std::printf("%-8d %8zu %9zu%s\n", c.first, c.second.first, c.second.second,
-                    c.first == 0 && c.second.second > c.second.first ? " *" : "");
-        bRefreshed = bRefreshed || (c.first == 0 && c.second.second > c.second.first);
-    }
-    if (bRefreshed)
+                    c.first == 0 && result.bEngineRefreshed ? " *" : "");
+    if (result.bEngineRefreshed)
         std::printf("* the simulated engine answers a refresh (a network change) with an event 0 of its own\n");
 
-    const std::vector<tvlog::Difference> diffs = tvlog::Compare(plan.outcomes, replayed.outcomes);
+    const std::vector<tvlog::Difference> &diffs = result.differences;
     if (!diffs.empty())
         std::printf("\ndifferences (log line: the TV logged | the host TV did):\n");
     for (const auto &d : diffs)
@@ -277,9 +181,9 @@ int Replay(const Args &args)
         }
     for (const auto &note : plan.notes)
         std::printf("  note: %s\n", note.c_str());
-    for (const auto &p : problems)
+    for (const auto &p : result.problems)
         std::printf("  could not replay: %s\n", p.c_str());
-    const bool bSame = diffs.empty() && problems.empty();
+    const bool bSame = result.Same();
     std::printf("\n%s: %zu of %zu outcomes as logged (pop-ups, launches, power-off)\n",
                 bSame ? "the host TV did what the TV logged" : "the host TV differs from the log",
                 plan.outcomes.size() - std::min(plan.outcomes.size(), diffs.size()), plan.outcomes.size());
@@ -287,7 +191,7 @@ int Replay(const Args &args)
     if (!bSame)
         throw hosttv::Error(hosttv::Error::Kind::kCannot,
                             "the replay of " + o.input + " differs from the log: " + std::to_string(diffs.size()) +
-                                " differences, " + std::to_string(problems.size()) + " steps not replayed");
+                                " differences, " + std::to_string(result.problems.size()) + " steps not replayed");
     return kDone;
 }
 

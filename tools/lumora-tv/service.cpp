@@ -3,7 +3,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "commands.h"
@@ -20,46 +19,32 @@ std::string PowerText(const hosttv::Power &power)
     return "off: the TV was switched off (power-off request of kind " + std::to_string(power.kind) + ")";
 }
 
-int ExitStatusOf(int status)
-{
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
+} // namespace
 
-// Waits for the service, which a stop signal to this process also ends.
-// wanted: SIGINT, SIGTERM and SIGCHLD, blocked since before the fork.
-int WaitForService(int pid, const sigset_t &wanted)
+int WaitForService(proc::Child &service, proc::StopSignals &signals, const char *afterEnd)
 {
-    int stopSignal = 0;
-    for (;;) {
-        int status = 0;
-        const pid_t done = waitpid(pid, &status, WNOHANG);
-        if (done < 0 && errno != EINTR)
-            throw hosttv::Error(hosttv::Error::Kind::kCannot, std::string("lost the service (pid ") +
-                                                                  std::to_string(pid) + "): " + std::strerror(errno));
-        if (done == pid) {
-            const std::string text = hosttv::EndText(status);
-            if (!text.empty())
-                std::fprintf(stderr, "lumora-tv: %s\n", text.c_str());
-            if (stopSignal)
-                return 128 + stopSignal;
-            return ExitStatusOf(status);
+    for (bool bStopping = false;;) {
+        if (const std::optional<int> status = service.Wait(std::chrono::milliseconds(0))) {
+            const std::string text = hosttv::EndText(*status);
+            if (!text.empty() || *afterEnd)
+                std::fprintf(stderr, "lumora-tv: %s (pid %d)%s\n", text.empty() ? "the service ended" : text.c_str(),
+                             service.Pid(), afterEnd);
+            const std::optional<proc::StopSignals::Received> got = signals.Got();
+            return got ? 128 + got->signo : proc::ExitStatusOf(*status);
         }
-        siginfo_t info;
-        if (sigwaitinfo(&wanted, &info) < 0 || info.si_signo == SIGCHLD || stopSignal)
+        if (!signals.WaitUntil(proc::Child::Clock::time_point::max(), &service) || bStopping)
             continue;
-        stopSignal = info.si_signo;
+        bStopping = true;
         // After the terminal's ^C.
         std::fprintf(stderr, "%sstopping: the watchdog timer may take up to 6 s\n", isatty(STDERR_FILENO) ? "\n" : "");
         // Ctrl-C reaches the whole foreground process group, the service
-        // with it; a kill of this process alone does not. A group kill sent
-        // by a program gets the service a SIGTERM as well, which does no
+        // with it; a signal sent to this process alone does not. A group kill
+        // sent by a program gets the service a SIGTERM as well, which does no
         // harm: its main loop ends once.
-        if (info.si_code != SI_KERNEL)
-            kill(pid, SIGTERM);
+        if (!signals.Got()->bFromTerminal)
+            service.Signal(SIGTERM);
     }
 }
-
-} // namespace
 
 int Run(const Args &args)
 {
@@ -74,32 +59,29 @@ int Run(const Args &args)
         if (scenario.empty())
             throw UsageError("--scenario needs a NAME; the shipped ones are: " + Join(hosttv::Scenarios(), ", "));
     }
-    const hosttv::RunPlan plan = hosttv::PrepareRun(scenario);
+    hosttv::RunPlan plan = hosttv::PrepareRun(scenario);
+    const std::string binary = plan.binary;
     std::fprintf(stderr, "lumora-tv: %s\n", hosttv::PlanText(plan).c_str());
     if (!hosttv::Widget().bInstalled)
         std::fprintf(stderr,
                      "lumora-tv: the widget is not installed, so the engine waits for: lumora-tv widget install\n");
     std::fflush(nullptr);
-    // Blocked before the fork, so that no stop signal is lost before the
-    // wait; the service starts with none blocked.
-    sigset_t wanted;
-    sigemptyset(&wanted);
-    for (int sig : {SIGINT, SIGTERM, SIGCHLD})
-        sigaddset(&wanted, sig);
-    sigprocmask(SIG_BLOCK, &wanted, nullptr);
-    const int pid = hosttv::StartService(plan);
+    // Taken before the start, so that no stop signal is lost before the wait.
+    proc::StopSignals signals;
+    proc::Child service = hosttv::StartService(std::move(plan));
     std::fprintf(stderr,
                  "lumora-tv: started %s (pid %d); Ctrl-C here or lumora-tv stop ends it (its watchdog timer may take "
                  "up to 6 s); its log: lumora-tv logs\n",
-                 plan.binary.c_str(), pid);
-    return WaitForService(pid, wanted);
+                 binary.c_str(), service.Pid());
+    return WaitForService(service, signals, "");
 }
 
 int Stop(const Args &)
 {
-    std::printf("stopping the service: its watchdog timer may take up to 6 s\n");
-    std::fflush(stdout);
-    const int pid = hosttv::StopService(std::chrono::seconds(15));
+    const int pid = hosttv::StopService(std::chrono::seconds(15), [](int signalled) {
+        std::printf("stopping the service (pid %d): its watchdog timer may take up to 6 s\n", signalled);
+        std::fflush(stdout);
+    });
     std::printf("the service (pid %d) ended\n", pid);
     return kDone;
 }
@@ -117,6 +99,8 @@ int Status(const Args &arguments)
         return exitStatus;
     }
     std::string service = "not running (start it with: lumora-tv run)";
+    if (status.bStarting)
+        service = "starting: a front end is starting it";
     if (status.servicePid) {
         service = "running (pid " + std::to_string(status.servicePid) + ")";
         if (status.popupsOnScreen)

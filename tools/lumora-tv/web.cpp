@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -22,23 +21,21 @@ public:
     int Start(const std::string &scenario)
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        const hosttv::RunPlan plan = hosttv::PrepareRun(scenario);
+        hosttv::RunPlan plan = hosttv::PrepareRun(scenario);
+        const std::string binary = plan.binary;
         std::fprintf(stderr, "lumora-tv: %s\n", hosttv::PlanText(plan).c_str());
-        m_pid = hosttv::StartService(plan);
-        std::fprintf(stderr, "lumora-tv: started %s (pid %d); Ctrl-C here ends it with the page\n", plan.binary.c_str(),
-                     m_pid);
-        return m_pid;
+        m_service = hosttv::StartService(std::move(plan));
+        std::fprintf(stderr, "lumora-tv: started %s (pid %d); Ctrl-C here ends it with the page\n", binary.c_str(),
+                     m_service.Pid());
+        return m_service.Pid();
     }
-    // Reaps what ended; says so when it was the service.
+    // Reaps it once it ended; says so.
     void Reap()
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        int status = 0;
-        for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
-            if (pid != m_pid)
-                continue;
-            SayEnded(pid, status, "; the page stays until Ctrl-C");
-            m_pid = 0;
+        if (m_service && !m_service.Running()) {
+            SayEnded("; the page stays until Ctrl-C");
+            m_service = proc::Child();
         }
     }
     // Ends the service it started, if it runs; bSignalled: the terminal's
@@ -46,27 +43,31 @@ public:
     void Stop(bool bSignalled)
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (!m_pid)
+        if (!m_service)
             return;
-        std::fprintf(stderr, "%sstopping: the watchdog timer may take up to 6 s\n", isatty(STDERR_FILENO) ? "\n" : "");
-        if (!bSignalled)
-            kill(m_pid, SIGTERM);
-        int status = 0;
-        while (waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {}
-        SayEnded(m_pid, status, "");
-        m_pid = 0;
+        if (m_service.Running()) {
+            std::fprintf(stderr, "%sstopping: the watchdog timer may take up to 6 s\n",
+                         isatty(STDERR_FILENO) ? "\n" : "");
+            if (!bSignalled)
+                m_service.Signal(SIGTERM);
+            // A service that ignores SIGTERM is not waited for forever.
+            if (!m_service.Wait(std::chrono::seconds(20)))
+                m_service.Stop(std::chrono::milliseconds(0));
+        }
+        SayEnded("");
+        m_service = proc::Child();
     }
 
 private:
-    static void SayEnded(int pid, int status, const char *after)
+    void SayEnded(const char *after)
     {
-        const std::string text = hosttv::EndText(status);
-        std::fprintf(stderr, "lumora-tv: %s (pid %d)%s\n", text.empty() ? "the service ended" : text.c_str(), pid,
-                     after);
+        const std::string text = hosttv::EndText(m_service.Status().value_or(0));
+        std::fprintf(stderr, "lumora-tv: %s (pid %d)%s\n", text.empty() ? "the service ended" : text.c_str(),
+                     m_service.Pid(), after);
     }
 
     std::mutex m_mutex;
-    int m_pid = 0;
+    proc::Child m_service;
 };
 
 } // namespace
@@ -111,13 +112,9 @@ int Web(const Args &args)
                             "cannot listen on " + listenText + ": " + std::strerror(error));
     }
 
-    // Blocked before any thread or the service starts: the signals wait for
-    // the loop below, and the service starts with none blocked.
-    sigset_t wanted;
-    sigemptyset(&wanted);
-    for (int sig : {SIGINT, SIGTERM, SIGCHLD})
-        sigaddset(&wanted, sig);
-    sigprocmask(SIG_BLOCK, &wanted, nullptr);
+    // Taken before any thread or the service starts: every thread has the
+    // stop signals blocked, and they wait for the loop below.
+    proc::StopSignals signals;
     if (bRun)
         child.Start(scenario);
 
@@ -132,22 +129,17 @@ int Web(const Args &args)
     std::fflush(stdout);
     std::thread serving([&server] { server.Serve(); });
 
-    // Serves until Ctrl-C or SIGTERM; a service it started that ends
+    // Serves until Ctrl-C, SIGTERM or SIGHUP; a service it started that ends
     // meanwhile (the engine switched the TV off) leaves the page up to show it.
-    siginfo_t info{};
-    for (;;) {
-        if (sigwaitinfo(&wanted, &info) < 0)
-            continue;
-        if (info.si_signo != SIGCHLD)
-            break;
+    while (!signals.WaitUntil(proc::Child::Clock::now() + std::chrono::milliseconds(250)))
         child.Reap();
-    }
     // The terminal's Ctrl-C reached the service too; a signal sent to this
     // process alone did not.
-    child.Stop(info.si_code == SI_KERNEL);
+    const proc::StopSignals::Received got = *signals.Got();
+    child.Stop(got.bFromTerminal);
     server.Stop();
     serving.join();
-    return 128 + info.si_signo;
+    return 128 + got.signo;
 }
 
 } // namespace lumoratv
