@@ -2,6 +2,7 @@
 // service to see, each wrong use with its message and exit status, pop-ups
 // leave the screen when answered, one service per host TV, what --json prints
 // parses, the service's log, and Ctrl-C on `run`.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <device/power.h>
@@ -11,6 +12,7 @@
 #include <regex>
 #include <nlohmann/json.hpp>
 #include <sys/wait.h>
+#include <thread>
 
 #include "LumoraTv.h"
 #include "Supervisor.h"
@@ -201,3 +203,82 @@ TEST_F(LumoraTvCli, LogsShowWhatTheServiceWroteAndCtrlCOnRunStopsIt)
     EXPECT_EQ(tv.CountInLog("############ Out LumoraApp Main, ret is 0 ############"), 1);
     EXPECT_NE(kill(tv.Pid(), 0), 0) << "the service is gone";
 }
+
+namespace {
+
+// A process whose pid is gone, or only a zombie its parent has not reaped.
+bool Gone(pid_t pid)
+{
+    const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+    const size_t at = stat.rfind(')');
+    return stat.empty() || (at + 2 < stat.size() && stat[at + 2] == 'Z');
+}
+
+} // namespace
+
+TEST_F(LumoraTvCli, FailedStartLeavesNoLockAndTheNextStartWorks)
+{
+    const LumoraTvResult failed = LumoraTv({"run"}, "", {"LUMORA_EXEC_WRAPPER=/nonexistent/wrapper"});
+    EXPECT_EQ(failed.status, 1) << Describe({"run"}, failed);
+    EXPECT_THAT(failed.err, testing::HasSubstr("lumora-tv: cannot start /nonexistent/wrapper: No such file"));
+    const LumoraTvResult status = LumoraTv({"status"});
+    EXPECT_EQ(status.status, 3) << Describe({"status"}, status);
+    EXPECT_THAT(status.out, testing::HasSubstr("service:   not running"));
+
+    Supervisor tv;
+    tv.Start({});
+    ASSERT_TRUE(tv.WaitForLog(">Success to start qorv!", 300s)) << tv.Log();
+    ExpectSupervised(tv.Terminate(300s));
+}
+
+TEST_F(LumoraTvCli, StopNeverLeavesTheServiceRunningAfterSayingItEnded)
+{
+    // Stop asked at once, while run is still starting the service.
+    for (int cycle = 0; cycle < 4; ++cycle) {
+        SCOPED_TRACE(cycle);
+        Supervisor tv;
+        tv.Spawn({LumoraTvBinary(), "run"});
+        LumoraTvResult stop;
+        for (int i = 0; i < 3000 && tv.Running(); ++i) {
+            stop = LumoraTv({"stop"});
+            if (stop.status == 0)
+                break;
+            EXPECT_THAT(stop.err,
+                        testing::AnyOf(testing::HasSubstr("is not running"), testing::HasSubstr("is being started")))
+                << Describe({"stop"}, stop);
+        }
+        ASSERT_EQ(stop.status, 0) << Describe({"stop"}, stop) << tv.Log();
+        const std::smatch ended = [&] {
+            std::smatch m;
+            std::regex_search(stop.out, m, std::regex(R"(the service \(pid (\d+)\) ended\n)"));
+            return m;
+        }();
+        ASSERT_FALSE(ended.empty()) << stop.out;
+        EXPECT_TRUE(Gone(std::stoi(ended[1]))) << "stop said it ended, yet it runs";
+        // A SIGTERM before the service's main loop runs ends it at once.
+        const int status = tv.Wait(300s);
+        EXPECT_TRUE(status == 0 || (WIFEXITED(status) && WEXITSTATUS(status) == 128 + SIGTERM)) << status << "\n"
+                                                                                                << tv.Log();
+    }
+}
+
+namespace {
+class LumoraTvReplayStop : public LumoraTvCli, public ::testing::WithParamInterface<int> {};
+} // namespace
+
+TEST_P(LumoraTvReplayStop, StopSignalToReplayEndsItsService)
+{
+    Supervisor replay;
+    replay.Spawn({LumoraTvBinary(), "replay", LUMORA_SOURCE_DIR "/tools/tvlog/samples/demo-threadtime.log"});
+    ASSERT_TRUE(replay.WaitForLog("replaying ", 300s)) << replay.Log();
+    LumoraTvResult status;
+    for (int i = 0; i < 3000 && (status = LumoraTv({"status"})).status != 0; ++i)
+        std::this_thread::sleep_for(100ms);
+    ASSERT_EQ(status.status, 0) << Describe({"status"}, status) << replay.Log();
+    ASSERT_EQ(kill(replay.RunPid(), GetParam()), 0);
+    const int ended = replay.Wait(300s);
+    EXPECT_TRUE(WIFEXITED(ended) && WEXITSTATUS(ended) == 128 + GetParam()) << ended << "\n" << replay.Log();
+    EXPECT_EQ(LumoraTv({"status"}).status, 3) << "a service is left behind";
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, LumoraTvReplayStop, ::testing::Values(SIGINT, SIGTERM, SIGHUP));

@@ -37,7 +37,8 @@ std::string LumoraTvBinary()
     return std::string(LUMORA_BINARY_DIR) + "/tools/lumora-tv";
 }
 
-LumoraTvResult LumoraTv(const std::vector<std::string> &args, const std::string &input)
+LumoraTvResult LumoraTv(const std::vector<std::string> &args, const std::string &input,
+                        const std::vector<std::string> &env)
 {
     // Memory files, not pipes: nothing has to be drained while it runs.
     proc::Fd fds[3];
@@ -52,6 +53,8 @@ LumoraTvResult LumoraTv(const std::vector<std::string> &args, const std::string 
     spec.argv.insert(spec.argv.end(), args.begin(), args.end());
     for (int i = 0; i < 3; ++i)
         spec.fds.emplace_back(i, fds[i].Get());
+    for (const std::string &e : env)
+        spec.env.Put(e);
     proc::Child child = proc::Child::Start(spec);
     const int wstatus = child.Wait(std::chrono::milliseconds(-1)).value_or(-1);
     return {WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1, ReadBack(fds[1].Get()), ReadBack(fds[2].Get())};

@@ -16,8 +16,10 @@ std::string LumoraTvBinary();
 // The whole of a file; empty when it cannot be read.
 std::string ReadFile(const std::string &path);
 
-// args after the program name; input is fed to its standard input.
-LumoraTvResult LumoraTv(const std::vector<std::string> &args, const std::string &input = "");
+// args after the program name; input is fed to its standard input; env
+// entries ("NAME=value") on top of this process's environment.
+LumoraTvResult LumoraTv(const std::vector<std::string> &args, const std::string &input = "",
+                        const std::vector<std::string> &env = {});
 
 // For failure messages: the command line and everything it printed.
 std::string Describe(const std::vector<std::string> &args, const LumoraTvResult &result);
