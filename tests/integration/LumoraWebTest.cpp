@@ -21,9 +21,9 @@ using Json = nlohmann::json;
 namespace {
 
 // `lumora-tv web` on a free port of the loopback: the port it chose.
-int StartWeb(Supervisor &web)
+int StartWeb(Supervisor &web, const std::vector<std::string> &env = {})
 {
-    web.Spawn({LumoraTvBinary(), "web", "--listen", "127.0.0.1:0"});
+    web.Spawn({LumoraTvBinary(), "web", "--listen", "127.0.0.1:0"}, env);
     const std::string open = "open http://127.0.0.1:";
     if (!web.WaitForLog(open, 20s))
         throw std::runtime_error("lumora-tv web said: " + web.Log());
@@ -131,6 +131,22 @@ TEST_F(LumoraWeb, RefusesForeignPagesLargeBodiesAndBadJsonWithAText)
     EXPECT_NE(again->body.find("already runs"), std::string::npos) << again->body;
     EXPECT_EQ(Interrupt(web), 130);
     EXPECT_NE(kill(pid, 0), 0) << "the page's service outlived its server";
+}
+
+TEST_F(LumoraWeb, FailedStartIsShownAndLeavesNoLock)
+{
+    Supervisor web;
+    const int port = StartWeb(web, {"LUMORA_EXEC_WRAPPER=/nonexistent/wrapper"});
+    httplib::Client client("127.0.0.1", port);
+    const auto started = client.Post("/api/start", "{}", "application/json");
+    ASSERT_TRUE(started);
+    EXPECT_EQ(started->status, 409) << started->body;
+    const Json answer = Json::parse(started->body, nullptr, false);
+    ASSERT_TRUE(answer.is_object() && answer["error"].is_string()) << started->body;
+    EXPECT_EQ(answer["error"].get<std::string>().find("cannot start /nonexistent/wrapper"), 0u) << started->body;
+    const LumoraTvResult status = LumoraTv({"status"});
+    EXPECT_EQ(status.status, 3) << Describe({"status"}, status);
+    EXPECT_EQ(Interrupt(web), 130);
 }
 
 TEST_F(LumoraWeb, OpenPagesStayInStepAndAClosedOneFreesItsPlace)
