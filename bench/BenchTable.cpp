@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "BenchResults.h"
+#include "tvhost/parse.h"
 
 namespace {
 
@@ -16,7 +17,14 @@ std::map<std::string, std::string> g_results;
 double Get(const std::string &key)
 {
     auto it = g_results.find(key);
-    return it == g_results.end() ? NAN : std::atof(it->second.c_str());
+    double d = NAN;
+    return it != g_results.end() && tvhost::ParseReal(it->second, d) ? d : NAN;
+}
+
+double Number(const std::string &text)
+{
+    double d = NAN;
+    return tvhost::ParseReal(text, d) ? d : NAN;
 }
 
 std::string Fmt(const char *pFormat, double d)
@@ -148,8 +156,8 @@ int main(int argc, char **argv)
         if (t1 == std::string::npos || t2 == std::string::npos)
             continue;
         std::printf("    %-10s %-28s %12s %12s\n", kv.first.substr(prefix.size()).c_str(), v.substr(0, t1).c_str(),
-                    Fmt("%.1f", std::atof(v.substr(t1 + 1, t2 - t1 - 1).c_str())).c_str(),
-                    Fmt("%.1f", std::atof(v.substr(t2 + 1).c_str())).c_str());
+                    Fmt("%.1f", Number(v.substr(t1 + 1, t2 - t1 - 1))).c_str(),
+                    Fmt("%.1f", Number(v.substr(t2 + 1))).c_str());
     }
     std::printf("  %-40s %10s\n", "watchdog messages/min", Fmt("%.1f", Get("idle.watchdogs_per_min")).c_str());
     std::printf("  %-40s %10s\n", "settings changed/min", Fmt("%.1f", dSettings).c_str());

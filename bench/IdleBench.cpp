@@ -28,6 +28,7 @@
 #include "BenchResults.h"
 #include "proc/process.h"
 #include "tvhost/apps.h"
+#include "tvhost/parse.h"
 #include "tvhost/network.h"
 #include "tvhost/settings.h"
 #include "tvhost/tvhost.h"
@@ -55,8 +56,12 @@ long long StatusField(const std::string &status, const char *pName)
     std::string line;
     const std::string prefix = std::string(pName) + ":";
     while (std::getline(in, line))
-        if (line.compare(0, prefix.size(), prefix) == 0)
-            return std::atoll(line.c_str() + prefix.size());
+        if (line.compare(0, prefix.size(), prefix) == 0) {
+            long long value = -1;
+            std::string_view field = std::string_view(line).substr(prefix.size());
+            field.remove_prefix(std::min(field.find_first_not_of(" \t"), field.size()));
+            return tvhost::ParseInt(field, value) ? value : -1;
+        }
     return -1;
 }
 
@@ -65,7 +70,9 @@ std::string BlockedIn(const std::string &syscall)
 {
     if (syscall.empty() || syscall.compare(0, 7, "running") == 0)
         return "running";
-    switch (std::atoi(syscall.c_str())) {
+    int number = -1;
+    tvhost::ParseInt(std::string_view(syscall).substr(0, syscall.find_first_of(" \n")), number);
+    switch (number) {
     case 0: return "read";
     case 7: return "poll";
     case 23: return "select";
@@ -77,7 +84,7 @@ std::string BlockedIn(const std::string &syscall)
     case 270: return "pselect6";
     case 271: return "ppoll";
     case 281: return "epoll_pwait";
-    default: return "syscall " + std::to_string(std::atoi(syscall.c_str()));
+    default: return "syscall " + std::to_string(number);
     }
 }
 
@@ -125,10 +132,12 @@ Sample Take(pid_t pid)
             t.name.pop_back();
         t.nVoluntary = StatusField(status, "voluntary_ctxt_switches");
         t.nInvoluntary = StatusField(status, "nonvoluntary_ctxt_switches");
-        t.nRuntimeNs = std::atoll(ReadAll(task + "/schedstat").c_str());
-        t.name += std::string(" (") + (std::atoi(pEnt->d_name) == pid ? "main, " : "") +
-                  BlockedIn(ReadAll(task + "/syscall")) + ")";
-        s.threads[std::atoi(pEnt->d_name)] = t;
+        const std::string schedstat = ReadAll(task + "/schedstat");
+        tvhost::ParseInt(std::string_view(schedstat).substr(0, schedstat.find(' ')), t.nRuntimeNs);
+        int tid = 0;
+        tvhost::ParseInt(pEnt->d_name, tid);
+        t.name += std::string(" (") + (tid == pid ? "main, " : "") + BlockedIn(ReadAll(task + "/syscall")) + ")";
+        s.threads[tid] = t;
     }
     closedir(pDir);
     return s;
@@ -217,7 +226,8 @@ int main()
 {
     double dWindow = 30;
     if (const char *p = std::getenv("LUMORA_BENCH_IDLE_SECONDS"))
-        dWindow = std::atof(p) > 0 ? std::atof(p) : dWindow;
+        if (double d = 0; tvhost::ParseReal(p, d) && d > 0)
+            dWindow = d;
 
     // The host TV as a viewer's TV would be: widget installed, English, the
     // network as the machine has it, and a first start (the data folder gets

@@ -22,6 +22,7 @@
 #include <string_view>
 
 #include "tvhost/local_socket.h"
+#include "tvhost/parse.h"
 
 #ifndef LUMORA_TV_ROOT
 #define LUMORA_TV_ROOT ""
@@ -66,7 +67,10 @@ inline bool InjectEvent(const std::string &strSocketPath, int nEvent, const std:
         strError = strReply;
         return false;
     }
-    nResult = atoi(strReply.c_str() + 7);
+    if (!tvhost::ParseInt(std::string_view(strReply).substr(7), nResult)) {
+        strError = "a damaged answer from the engine: " + strReply.substr(0, 64);
+        return false;
+    }
     return true;
 }
 

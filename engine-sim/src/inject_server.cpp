@@ -1,5 +1,6 @@
 #include "inject_server.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -7,6 +8,7 @@
 #include <cstring>
 
 #include "trace.h"
+#include "tvhost/parse.h"
 
 namespace qorvsim {
 
@@ -21,17 +23,6 @@ constexpr size_t kMaxClients = 32;
 // A hostile-input document takes a while to arrive under a sanitizer.
 constexpr int kRequestSeconds = 60;
 
-bool ParseSize(const char *pText, size_t &nOut)
-{
-    char *pEnd = nullptr;
-    errno = 0;
-    unsigned long long n = strtoull(pText, &pEnd, 10);
-    if (errno || pEnd == pText || *pText == '-' || n > kMaxText)
-        return false;
-    nOut = static_cast<size_t>(n);
-    return true;
-}
-
 struct Header {
     size_t nLength = 0; // of the header line, its new line included
     int nEvent = 0;
@@ -40,35 +31,32 @@ struct Header {
 };
 
 // Reads the header line at the start of input; the error answer when it is
-// not a good one.
+// not a good one. Its words are separated by one blank each; every number is
+// decimal, whole, and in range.
 bool ParseHeader(std::string_view input, Header &header, std::string &strError)
 {
-    const size_t nEol = input.find('\n');
-    const std::string strHeader(input.substr(0, nEol));
-    char word[16] = {};
-    char number[24] = {};
-    char size1[24] = {};
-    char size2[24] = {};
-    char extra[2] = {};
-    if (strHeader.size() > kMaxHeader ||
-        sscanf(strHeader.c_str(), "%15s %23s %23s %23s %1s", word, number, size1, size2, extra) != 4 ||
-        strcmp(word, "EVENT") != 0) {
+    std::string_view line = input.substr(0, std::min(input.find('\n'), kMaxHeader + 1));
+    std::string_view words[4];
+    size_t nWords = 0;
+    for (; nWords < 4 && !line.empty(); ++nWords) {
+        const size_t blank = line.find(' ');
+        words[nWords] = line.substr(0, blank);
+        line = blank == std::string_view::npos ? std::string_view() : line.substr(blank + 1);
+    }
+    if (input.find('\n') > kMaxHeader || nWords != 4 || !line.empty() || words[0] != "EVENT") {
         strError = "ERROR expected: EVENT <number> <bytes of text 1> <bytes of text 2>\n";
         return false;
     }
-    errno = 0;
-    char *pEnd = nullptr;
-    long nEvent = strtol(number, &pEnd, 0);
-    if (errno || *pEnd || nEvent < INT32_MIN || nEvent > INT32_MAX) {
+    if (!tvhost::ParseInt(words[1], header.nEvent)) {
         strError = "ERROR bad event number\n";
         return false;
     }
-    if (!ParseSize(size1, header.n1) || !ParseSize(size2, header.n2)) {
+    if (!tvhost::ParseInt(words[2], header.n1, size_t{0}, kMaxText) ||
+        !tvhost::ParseInt(words[3], header.n2, size_t{0}, kMaxText)) {
         strError = "ERROR bad text size\n";
         return false;
     }
-    header.nLength = nEol + 1;
-    header.nEvent = static_cast<int>(nEvent);
+    header.nLength = input.find('\n') + 1;
     return true;
 }
 

@@ -14,6 +14,7 @@
 #include "engine.h"
 #include "qorv_sim_client.h"
 #include "trace.h"
+#include "tvhost/parse.h"
 
 #define QORV_EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -57,9 +58,8 @@ double Speed()
     const char *pSpeed = getenv("QORV_SIM_SPEED");
     if (!pSpeed || !*pSpeed)
         return 1.0;
-    char *pEnd = nullptr;
-    double dSpeed = strtod(pSpeed, &pEnd);
-    if (*pEnd != '\0' || !(dSpeed > 0.0) || dSpeed > 1e6) {
+    double dSpeed = 0;
+    if (!tvhost::ParseReal(pSpeed, dSpeed) || !(dSpeed > 0.0) || dSpeed > 1e6) {
         Trace("QORV_SIM_SPEED=\"%s\" is not a factor above 0; normal speed", pSpeed);
         return 1.0;
     }

@@ -178,13 +178,16 @@ TEST_F(SimulatedEngine, InjectedRequestsAreFramedByTheirByteCounts)
     const struct {
         std::string sent, answered;
     } cases[] = {
-        {"EVENT 12290 8 6\n<a>\n<b/>secondEVENT 0x10 0 0\n", "RESULT 7\nRESULT 7\n"},
+        {"EVENT 12290 8 6\n<a>\n<b/>secondEVENT 16 0 0\n", "RESULT 7\nRESULT 7\n"},
         {"EVENT 5 0 0\nEVENT 6 1", "RESULT 7\n"}, // the second one is cut short
         {"HELLO 1 2 3\n", "ERROR expected: EVENT <number> <bytes of text 1> <bytes of text 2>\n"},
         {"EVENT 5 0 0 0\n", "ERROR expected: EVENT <number> <bytes of text 1> <bytes of text 2>\n"},
         {"EVENT five 0 0\n", "ERROR bad event number\n"},
+        {"EVENT 0x10 0 0\n", "ERROR bad event number\n"},
+        {"EVENT 5  0 0\n", "ERROR expected: EVENT <number> <bytes of text 1> <bytes of text 2>\n"},
         {"EVENT 99999999999 0 0\n", "ERROR bad event number\n"},
         {"EVENT 5 -1 0\n", "ERROR bad text size\n"},
+        {"EVENT 5 0 +1\n", "ERROR bad text size\n"},
         {"EVENT 5 0 99999999999\n", "ERROR bad text size\n"},
         {std::string(200, 'E'), "ERROR request line too long\n"},
     };

@@ -5,12 +5,14 @@
 #include <gtest/gtest.h>
 
 #include <notification_data.h>
+#include <optional>
 #include <thread>
 #include <vconf.h>
 
 #include "LogCapture.h"
 #include "tvhost/mainloop.h"
 #include "tvhost/notifications.h"
+#include "tvhost/parse.h"
 #include "tvhost/settings.h"
 #include "tvhost/tvhost.h"
 
@@ -109,4 +111,52 @@ TEST(TvhostNotifications, KeepsCopiesRemovesOnlyItsOwnAndDeliversOnItsOwnThreadU
     EXPECT_FALSE(noti::PressButton(1, 0));
     noti::WaitDelivered();
     EXPECT_EQ(noti::Delivered(), 1);
+}
+
+namespace {
+
+// A text, and what the one number reader makes of it as an int, a double
+// and a %XX byte (nothing: refused).
+struct NumberCase {
+    const char *text;
+    std::optional<int> integer;
+    std::optional<double> real;
+};
+
+class TvhostParse : public ::testing::TestWithParam<NumberCase> {};
+
+} // namespace
+
+TEST_P(TvhostParse, ReadsTheWholeDecimalTextOrNothing)
+{
+    const NumberCase &c = GetParam();
+    int n = -7;
+    EXPECT_EQ(ParseInt(c.text, n) ? std::optional<int>(n) : std::nullopt, c.integer);
+    EXPECT_EQ(n, c.integer.value_or(-7)) << "written on a refusal";
+    double d = -7;
+    EXPECT_EQ(ParseReal(c.text, d) ? std::optional<double>(d) : std::nullopt, c.real);
+}
+
+INSTANTIATE_TEST_SUITE_P(Texts, TvhostParse,
+                         ::testing::Values(NumberCase{"5", 5, 5.0}, NumberCase{"-12", -12, -12.0},
+                                           NumberCase{"0", 0, 0.0}, NumberCase{"2147483647", 2147483647, 2147483647.0},
+                                           NumberCase{"2147483648", {}, 2147483648.0}, NumberCase{"0.5", {}, 0.5},
+                                           NumberCase{"1.5e+06", {}, 1.5e6}, NumberCase{"1e400", {}, {}},
+                                           NumberCase{"12abc", {}, {}}, NumberCase{"0x10", {}, {}},
+                                           NumberCase{"+5", {}, {}}, NumberCase{" 5", {}, {}}, NumberCase{"5 ", {}, {}},
+                                           NumberCase{"", {}, {}}, NumberCase{"-", {}, {}}, NumberCase{"inf", {}, {}},
+                                           NumberCase{"nan", {}, {}}, NumberCase{"5\n", {}, {}}));
+
+TEST(TvhostParse, RangeAndHexByte)
+{
+    int n = 0;
+    EXPECT_TRUE(ParseInt("10", n, 1, 10));
+    EXPECT_FALSE(ParseInt("11", n, 1, 10));
+    EXPECT_FALSE(ParseInt("0", n, 1, 10));
+    EXPECT_EQ(n, 10);
+    unsigned char byte = 0;
+    EXPECT_TRUE(ParseHexByte("2F", byte));
+    EXPECT_EQ(byte, 0x2F);
+    for (const char *bad : {"2", "2G", "-1", "+1", "123", " 1"})
+        EXPECT_FALSE(ParseHexByte(bad, byte)) << bad;
 }

@@ -1,5 +1,6 @@
 // The answers of hosttv as JSON, for `--json` and the web view.
 #include "hosttv/json.h"
+#include "tvhost/parse.h"
 
 namespace hosttv {
 
@@ -107,7 +108,10 @@ std::string Json(const std::vector<const SettingKey *> &keys)
     for (const SettingKey *key : keys) {
         const std::optional<std::string> value = GetSetting(*key);
         // A number key's value is a number; an unset key is null.
-        out[key->name] = !value ? JsonValue(nullptr) : key->bNumber ? JsonValue(std::stoll(*value)) : JsonValue(*value);
+        long long number = 0;
+        out[key->name] = !value                                             ? JsonValue(nullptr)
+                         : key->bNumber && tvhost::ParseInt(*value, number) ? JsonValue(number)
+                                                                            : JsonValue(*value);
     }
     return Dump(out);
 }

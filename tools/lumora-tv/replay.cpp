@@ -57,9 +57,7 @@ Options ReadOptions(const Args &args, const std::set<std::string> &allowed, bool
                 throw UsageError("--gap takes milliseconds from 0 to 3600000, not \"" + v + "\"");
             o.gapMs = n;
         } else if (a == "--speed") {
-            char *end = nullptr;
-            o.speed = std::strtod(v.c_str(), &end);
-            if (v.empty() || *end || !(o.speed > 0.0) || o.speed > 1e6)
+            if (!tvhost::ParseReal(v, o.speed) || !(o.speed > 0.0) || o.speed > 1e6)
                 throw UsageError("--speed takes a factor above 0 such as 2 or 0.5, not \"" + v + "\"");
         }
     }

@@ -52,10 +52,10 @@ bool Unescape(const std::string &text, std::string &out)
             out += text[i];
             continue;
         }
-        if (i + 2 >= text.size() || !std::isxdigit(static_cast<unsigned char>(text[i + 1])) ||
-            !std::isxdigit(static_cast<unsigned char>(text[i + 2])))
+        unsigned char byte = 0;
+        if (i + 2 >= text.size() || !ParseHexByte(std::string_view(text).substr(i + 1, 2), byte))
             return false;
-        out += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
+        out += static_cast<char>(byte);
         i += 2;
     }
     return true;

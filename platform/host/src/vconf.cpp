@@ -102,8 +102,9 @@ std::string KeyOf(const std::string &file)
 {
     std::string key;
     for (size_t i = 0; i < file.size(); ++i) {
-        if (file[i] == '%' && i + 2 < file.size()) {
-            key += static_cast<char>(std::strtol(file.substr(i + 1, 2).c_str(), nullptr, 16));
+        unsigned char byte = 0;
+        if (file[i] == '%' && i + 2 < file.size() && ParseHexByte(std::string_view(file).substr(i + 1, 2), byte)) {
+            key += static_cast<char>(byte);
             i += 2;
         } else {
             key += file[i];
