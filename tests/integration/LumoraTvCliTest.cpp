@@ -9,6 +9,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <regex>
 #include <nlohmann/json.hpp>
 #include <sys/wait.h>
@@ -282,3 +283,50 @@ TEST_P(LumoraTvReplayStop, StopSignalToReplayEndsItsService)
 }
 
 INSTANTIATE_TEST_SUITE_P(Signals, LumoraTvReplayStop, ::testing::Values(SIGINT, SIGTERM, SIGHUP));
+
+namespace {
+
+// A folder of the TV root's state replaced by a file while it lives, so that
+// writing there fails (as it does for a root of another user, which the
+// suites, run as root in CI, cannot make).
+class Unwritable {
+public:
+    explicit Unwritable(const std::string &folder) : m_path(tvhost::Root() + "/opt/var/tvhost/" + folder)
+    {
+        std::filesystem::rename(m_path, m_path + ".aside");
+        std::ofstream(m_path) << "not a folder\n";
+    }
+    ~Unwritable()
+    {
+        std::filesystem::remove(m_path);
+        std::filesystem::rename(m_path + ".aside", m_path);
+    }
+
+private:
+    std::string m_path;
+};
+
+} // namespace
+
+TEST_F(LumoraTvCli, ChangesThatCannotBeWrittenFailWithTheReason)
+{
+    const struct {
+        const char *folder;
+        std::vector<std::string> args;
+        std::string error;
+    } cases[] = {
+        {"vconf",
+         {"set", "db/menu_widget/language", "ko_KR.UTF-8"},
+         "cannot write the settings key db/menu_widget/language"},
+        {"network", {"network", "wifi"}, "cannot write the network type"},
+        {"apps/installed", {"widget", "install"}, "cannot write the widget's state"},
+        {"apps/running", {"widget", "launch"}, "cannot write the widget's state"},
+    };
+    for (const auto &c : cases) {
+        Unwritable blocked(c.folder);
+        const LumoraTvResult r = LumoraTv(c.args);
+        EXPECT_EQ(r.status, 1) << Describe(c.args, r);
+        EXPECT_THAT(r.err, testing::HasSubstr(c.error + " in the TV root " + tvhost::Root() + ": Not a directory"))
+            << Describe(c.args, r);
+    }
+}

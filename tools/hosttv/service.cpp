@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "hosttv/hosttv.h"
+#include "hosttv/written.h"
 #include "qorv_sim_client.h"
 #include "tvhost/local_socket.h"
 #include "tvhost/network.h"
@@ -315,10 +316,10 @@ void Reset()
                     "the service runs (pid " + std::to_string(pid) + "); stop it before resetting the host TV");
     if (ServiceStarting())
         throw Error(Error::Kind::kCannot, "a service is being started on this host TV; stop it before resetting");
-    tvhost::apps::SetInstalled(kWidgetApp, true);
-    tvhost::apps::SetRunning(kWidgetApp, false);
-    tvhost::settings::SetString(kLanguageKey, kFreshLanguage);
-    tvhost::network::SetType(kEthernet);
+    Written(tvhost::apps::SetInstalled(kWidgetApp, true) && tvhost::apps::SetRunning(kWidgetApp, false),
+            "the widget's state");
+    Written(tvhost::settings::SetString(kLanguageKey, kFreshLanguage), std::string("the settings key ") + kLanguageKey);
+    Written(tvhost::network::SetType(kEthernet), "the network type");
     std::error_code ec;
     fs::remove_all(DataDir(), ec);
     if (ec)

@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include "hosttv/hosttv.h"
+#include "hosttv/written.h"
 #include "tvhost/parse.h"
 #include "tvhost/settings.h"
 #include "tvhost/tvhost.h"
@@ -93,10 +94,9 @@ void SetSetting(const SettingKey &key, const std::string &value, bool bForce)
                                               "; the service would ignore it. To write it all the same: "
                                               "lumora-tv set --force " +
                                               key.name + " VALUE");
-    if (key.bNumber)
-        tvhost::settings::SetInt(key.name, ReadNumber(value, key.name));
-    else
-        tvhost::settings::SetString(key.name, value);
+    Written(key.bNumber ? tvhost::settings::SetInt(key.name, ReadNumber(value, key.name))
+                        : tvhost::settings::SetString(key.name, value),
+            std::string("the settings key ") + key.name);
 }
 
 std::vector<Language> Languages()

@@ -1,5 +1,6 @@
 // The companion widget and the network, as the TV reports them.
 #include "hosttv/hosttv.h"
+#include "hosttv/written.h"
 #include "tvhost/network.h"
 #include "tvhost/settings.h"
 
@@ -18,7 +19,7 @@ WidgetChange InstallWidget(bool bInstall)
     WidgetChange change;
     change.bChanged = Widget().bInstalled != bInstall;
     if (change.bChanged)
-        tvhost::apps::SetInstalled(kWidgetApp, bInstall);
+        Written(tvhost::apps::SetInstalled(kWidgetApp, bInstall), "the widget's state");
     tvhost::settings::GetInt(kAppChangeKey, change.appChange);
     change.state = Widget();
     return change;
@@ -29,13 +30,13 @@ WidgetState LaunchWidget()
     if (!Widget().bInstalled)
         throw Error(Error::Kind::kCannot,
                     "the widget is not installed, so it cannot run; install it first: lumora-tv widget install");
-    tvhost::apps::SetRunning(kWidgetApp, true);
+    Written(tvhost::apps::SetRunning(kWidgetApp, true), "the widget's state");
     return Widget();
 }
 
 WidgetState CloseWidget()
 {
-    tvhost::apps::SetRunning(kWidgetApp, false);
+    Written(tvhost::apps::SetRunning(kWidgetApp, false), "the widget's state");
     return Widget();
 }
 
@@ -47,9 +48,9 @@ std::string Network()
 std::string SetNetwork(const std::string &name)
 {
     if (name == "auto")
-        tvhost::network::ClearOverride();
+        Written(tvhost::network::ClearOverride(), "the network type");
     else if (name == "wifi" || name == "ethernet" || name == "none")
-        tvhost::network::SetType(tvhost::network::TypeFromName(name));
+        Written(tvhost::network::SetType(tvhost::network::TypeFromName(name)), "the network type");
     else
         throw Error(Error::Kind::kBadRequest,
                     "unknown network type \"" + name + "\"; use wifi, ethernet, none or auto");

@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <poll.h>
 #include <sys/inotify.h>
-#include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -119,8 +118,8 @@ ino_t Inode(const std::string &path)
     return stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
 }
 
-// Prints what the log gains until SIGINT or SIGTERM, following a new run
-// that begins it afresh.
+// Prints what the log gains until SIGINT, SIGTERM or SIGHUP, following a new
+// run that begins it afresh.
 int Follow(const Options &o, uint64_t from, ino_t inode)
 {
     const std::string path = hosttv::LogPath();
@@ -129,15 +128,11 @@ int Follow(const Options &o, uint64_t from, ino_t inode)
     std::error_code ec;
     std::filesystem::create_directories(dir, ec);
 
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGINT);
-    sigaddset(&stop, SIGTERM);
-    sigprocmask(SIG_BLOCK, &stop, nullptr);
-    const int sfd = signalfd(-1, &stop, SFD_CLOEXEC);
-    const int ifd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    proc::StopSignals signals;
+    const proc::Fd watch(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    const int ifd = watch.Get();
     // The folder, not the file: a new run renames the log and begins another.
-    if (sfd < 0 || ifd < 0 ||
+    if (ifd < 0 ||
         inotify_add_watch(ifd, dir.c_str(), IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE) < 0)
         throw hosttv::Error(hosttv::Error::Kind::kCannot,
                             "cannot watch " + dir + " for the log: " + std::strerror(errno));
@@ -162,15 +157,13 @@ int Follow(const Options &o, uint64_t from, ino_t inode)
         if (bAfresh)
             std::printf("%s\n", kAfresh);
         from = PrintFrom(from, o, std::nullopt);
-        struct pollfd pfd[2] = {{ifd, POLLIN, 0}, {sfd, POLLIN, 0}};
+        struct pollfd pfd[2] = {{ifd, POLLIN, 0}, {signals.Descriptor(), POLLIN, 0}};
         if (poll(pfd, 2, -1) < 0 && errno != EINTR)
-            break;
-        if (pfd[1].revents & POLLIN)
-            break;
+            throw hosttv::Error(hosttv::Error::Kind::kCannot, "lost the watch on " + dir + " (" + std::strerror(errno) +
+                                                                  "); run lumora-tv logs -f again");
+        if (signals.Got())
+            return kDone;
     }
-    close(ifd);
-    close(sfd);
-    return kDone;
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <atomic>
 #include <mutex>
 #include <thread>
 #include <unistd.h>
@@ -127,12 +128,25 @@ int Web(const Args &args)
                     listenText.c_str());
     std::printf("lumora-tv: Ctrl-C ends it\n");
     std::fflush(stdout);
-    std::thread serving([&server] { server.Serve(); });
+    std::atomic<int> serveError{0}; // errno of a server that stopped by itself
+    std::thread serving([&server, &serveError] {
+        if (!server.Serve())
+            serveError = errno ? errno : EIO;
+    });
 
     // Serves until Ctrl-C, SIGTERM or SIGHUP; a service it started that ends
     // meanwhile (the engine switched the TV off) leaves the page up to show it.
-    while (!signals.WaitUntil(proc::Child::Clock::now() + std::chrono::milliseconds(250)))
+    while (!signals.WaitUntil(proc::Child::Clock::now() + std::chrono::milliseconds(250))) {
         child.Reap();
+        if (serveError) {
+            std::fprintf(stderr, "lumora-tv: the page's server stopped taking connections on %s: %s; start it again\n",
+                         listenText.c_str(), std::strerror(serveError));
+            child.Stop(false);
+            server.Stop();
+            serving.join();
+            return kFailed;
+        }
+    }
     // The terminal's Ctrl-C reached the service too; a signal sent to this
     // process alone did not.
     const proc::StopSignals::Received got = *signals.Got();

@@ -657,11 +657,10 @@ std::vector<std::string> Server::Urls() const
     return urls;
 }
 
-void Server::Serve()
+bool Server::Serve()
 {
     m->watcher = std::thread([this] { m->Watch(); });
-    if (!m->hub.Stopping())
-        m->http.listen_after_bind();
+    return m->hub.Stopping() || m->http.listen_after_bind() || m->hub.Stopping();
 }
 
 void Server::Stop()

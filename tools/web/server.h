@@ -47,8 +47,9 @@ public:
     int Port() const;
     // The addresses to open in a browser, the first one preferred.
     std::vector<std::string> Urls() const;
-    // Serves until Stop(), from another thread or a signal's thread.
-    void Serve();
+    // Serves until Stop(), from another thread or a signal's thread; false,
+    // with errno, when it stopped serving by itself (its socket failed).
+    bool Serve();
     void Stop();
 
 private:

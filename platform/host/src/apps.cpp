@@ -53,25 +53,20 @@ namespace apps {
 
 using namespace tvhost::detail::apps;
 
-void SetInstalled(const std::string &appId, bool bInstalled)
+bool SetInstalled(const std::string &appId, bool bInstalled)
 {
     const bool bWas = IsInstalled(appId);
-    if (bInstalled) {
-        detail::TouchFile(MarkerOf("installed", appId));
-    } else {
-        detail::RemoveFile(MarkerOf("running", appId));
-        detail::RemoveFile(MarkerOf("installed", appId));
-    }
-    if (bWas != bInstalled)
+    const bool bDone =
+        bInstalled ? detail::TouchFile(MarkerOf("installed", appId))
+                   : detail::RemoveFile(MarkerOf("running", appId)) && detail::RemoveFile(MarkerOf("installed", appId));
+    if (bDone && bWas != bInstalled)
         BumpAppChange();
+    return bDone;
 }
 
-void SetRunning(const std::string &appId, bool bRunning)
+bool SetRunning(const std::string &appId, bool bRunning)
 {
-    if (bRunning)
-        detail::TouchFile(MarkerOf("running", appId));
-    else
-        detail::RemoveFile(MarkerOf("running", appId));
+    return bRunning ? detail::TouchFile(MarkerOf("running", appId)) : detail::RemoveFile(MarkerOf("running", appId));
 }
 
 bool IsInstalled(const std::string &appId)

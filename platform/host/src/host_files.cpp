@@ -110,9 +110,9 @@ bool TouchFile(const std::string &path)
     return true;
 }
 
-void RemoveFile(const std::string &path)
+bool RemoveFile(const std::string &path)
 {
-    unlink(path.c_str());
+    return unlink(path.c_str()) == 0 || errno == ENOENT;
 }
 
 } // namespace detail

@@ -26,7 +26,8 @@ bool ReadFile(const std::string &path, std::string &content);
 bool FileExists(const std::string &path);
 // Creates an empty file if none is there.
 bool TouchFile(const std::string &path);
-void RemoveFile(const std::string &path);
+// True when the file is gone, also when it was not there.
+bool RemoveFile(const std::string &path);
 
 } // namespace detail
 } // namespace tvhost

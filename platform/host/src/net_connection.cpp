@@ -271,21 +271,20 @@ int CurrentType()
     return nOverride >= 0 ? nOverride : MachineType();
 }
 
-void SetType(int nType)
+bool SetType(int nType)
 {
-    std::string tmp = OverrideFile() + ".tmp";
-    {
-        std::ofstream out(tmp, std::ios::trunc);
-        out << TypeName(nType) << "\n";
-    }
-    std::rename(tmp.c_str(), OverrideFile().c_str());
+    if (!tvhost::detail::WriteFileAtomically(OverrideFile(), std::string(TypeName(nType)) + "\n"))
+        return false;
     tvhost::detail::RunOnMainLoop(Recheck);
+    return true;
 }
 
-void ClearOverride()
+bool ClearOverride()
 {
-    std::remove(OverrideFile().c_str());
+    if (!tvhost::detail::RemoveFile(OverrideFile()))
+        return false;
     tvhost::detail::RunOnMainLoop(Recheck);
+    return true;
 }
 
 int TypeFromName(const std::string &name)

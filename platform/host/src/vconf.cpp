@@ -162,12 +162,14 @@ LoopStopHook g_stopWatching([] {
     g_nWatchFd = -1;
 });
 
-void WriteValue(const std::string &key, const std::string &content)
+bool WriteValue(const std::string &key, const std::string &content)
 {
-    WriteFileAtomically(FileOf(key), content);
+    if (!WriteFileAtomically(FileOf(key), content))
+        return false;
     // With a watcher on the main loop the change arrives there, once.
     if (!Watching())
         DeliverKeyChange(key);
+    return true;
 }
 
 } // namespace
@@ -201,14 +203,14 @@ namespace settings {
 
 using namespace tvhost::detail::settings;
 
-void SetInt(const std::string &key, int value)
+bool SetInt(const std::string &key, int value)
 {
-    WriteValue(key, std::string(kIntWord) + "\n" + std::to_string(value) + "\n");
+    return WriteValue(key, std::string(kIntWord) + "\n" + std::to_string(value) + "\n");
 }
 
-void SetString(const std::string &key, const std::string &value)
+bool SetString(const std::string &key, const std::string &value)
 {
-    WriteValue(key, std::string(kStringWord) + "\n" + value);
+    return WriteValue(key, std::string(kStringWord) + "\n" + value);
 }
 
 bool GetInt(const std::string &key, int &value)

@@ -141,6 +141,8 @@ public:
     };
     // The first stop signal received so far, if any (reads what is pending).
     std::optional<Received> Got();
+    // Readable when a stop signal is pending: for a poll() of one's own.
+    int Descriptor() const { return m_fd.Get(); }
     // Waits until deadline, a stop signal, or the end of child (when given);
     // true when it was a stop signal.
     bool WaitUntil(Child::Clock::time_point deadline, const Child *child = nullptr);
@@ -148,7 +150,7 @@ public:
 private:
     bool Read();
 
-    Fd m_fd;
+    proc::Fd m_fd;
     sigset_t m_old;
     std::optional<Received> m_got;
 };

@@ -11,9 +11,10 @@ namespace tvhost {
 namespace apps {
 
 // Installing or removing an application bumps the settings key
-// "memory/was/app_change", as the TV does. Removing also stops it.
-void SetInstalled(const std::string &appId, bool bInstalled);
-void SetRunning(const std::string &appId, bool bRunning);
+// "memory/was/app_change", as the TV does. Removing also stops it. False,
+// with errno, when the state cannot be written.
+bool SetInstalled(const std::string &appId, bool bInstalled);
+bool SetRunning(const std::string &appId, bool bRunning);
 bool IsInstalled(const std::string &appId);
 bool IsRunning(const std::string &appId);
 

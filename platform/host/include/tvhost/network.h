@@ -14,9 +14,11 @@ int CurrentType();
 
 // Overrides the type (0 disconnected, 1 Wi-Fi, 3 Ethernet, ...) for this and
 // every other process of the host TV, and tells the subscribers if it changed.
-void SetType(int nType);
-// Back to following the machine's default route.
-void ClearOverride();
+// False, with errno, when the override cannot be written.
+bool SetType(int nType);
+// Back to following the machine's default route; false, with errno, when the
+// override cannot be removed.
+bool ClearOverride();
 
 // Names used on the command line: "none", "wifi", "ethernet"; -1 if unknown.
 int TypeFromName(const std::string &name);

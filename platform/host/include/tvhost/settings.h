@@ -7,9 +7,10 @@
 namespace tvhost {
 namespace settings {
 
-// Write a key as the platform would, and tell the key's subscribers.
-void SetInt(const std::string &key, int value);
-void SetString(const std::string &key, const std::string &value);
+// Write a key as the platform would, and tell the key's subscribers; false,
+// with errno, when it cannot be written (nobody is told then).
+bool SetInt(const std::string &key, int value);
+bool SetString(const std::string &key, const std::string &value);
 
 // False when the key is missing or holds the other type.
 bool GetInt(const std::string &key, int &value);
