@@ -198,6 +198,25 @@ TEST(CNewDeviceList, KeepsDocumentOrderSummarisesPerTypeAndFailsWholeOnAnIncompl
     }
 }
 
+// The dispatcher reads and may change the list between merges.
+TEST(CRegisteredDeviceList, MergeAfterAnEditOfTheListFindsTheItemByItsId)
+{
+    CRegisteredDeviceList l;
+    const std::string doc = "<l>" + Device("1", "Connected", "Air Conditioner", "A") +
+                            Device("2", "Connected", "Air Conditioner", "B") + "</l>";
+    ASSERT_TRUE(l.Parse(doc.c_str(), nullptr));
+    l.m_vecDevice[0].strID = "9"; // same size
+    l.InsertDeviceList({"9", "Nine", false, "Disconnected", "Air Conditioner"});
+    l.InsertDeviceList({"1", "One", false, "Disconnected", "Air Conditioner"});
+    EXPECT_EQ(Items(l), (Strings{"9|Nine|1|Disconnected|Air Conditioner", "2|B|1|Connected|Air Conditioner",
+                                 "1|One|0|Disconnected|Air Conditioner"}));
+    // A parse of what the list holds already merges into it by id, too.
+    l.m_vecDevice[1].strID = "7";
+    ASSERT_TRUE(l.m_ParseRegisteredDevice(doc.c_str(), static_cast<int>(doc.size())));
+    EXPECT_EQ(Items(l), (Strings{"9|Nine|1|Disconnected|Air Conditioner", "7|B|1|Connected|Air Conditioner",
+                                 "1|A|0|Connected|Air Conditioner", "2|B|1|Connected|Air Conditioner"}));
+}
+
 TEST(CRegisteredDeviceList, KeepsAirConditionersOnlyARepeatKeepsItsFirstConnectedFlagAndAnIncompleteDeviceStops)
 {
     LogCapture log;

@@ -90,10 +90,13 @@ public:
     std::vector<Item> m_vecDevice;
 
 private:
-    // Position in m_vecDevice of each id, so that a repeat is found without a
-    // scan of the list: a hostile list of many devices must not cost the
-    // engine thread quadratic time.
-    std::unordered_map<std::string, size_t> m_mapIndex;
+    // Position in m_vecDevice of each id, made for one parse only (nothing
+    // else changes the list meanwhile), so that a repeat is found without a
+    // scan: a hostile list of many devices must not cost the engine thread
+    // quadratic time. Without it (a merge outside a parse) the list is scanned.
+    using Index = std::unordered_map<std::string, size_t>;
+    bool m_EleOnRegisteredDevice(xmlNode *node, Index *pIndex);
+    void InsertDeviceList(CRegisteredDeviceList::Item item, Index *pIndex);
 };
 
 class CCommandResult : public LumoraParameter {

@@ -400,7 +400,6 @@ bool CRegisteredDeviceList::Parse(const char *strParam1, const char * /*strParam
 void CRegisteredDeviceList::Clear()
 {
     m_vecDevice.clear();
-    m_mapIndex.clear();
 }
 
 bool CRegisteredDeviceList::m_ParseRegisteredDevice(const char *buffer, int size)
@@ -420,9 +419,12 @@ bool CRegisteredDeviceList::m_ParseRegisteredDevice(const char *buffer, int size
         LUMORA_LOG(EXT_LOG_DEBUG, "RegisteredDevice is null");
         return false;
     }
+    Index index;
+    for (size_t i = 0; i < m_vecDevice.size(); ++i)
+        index.emplace(m_vecDevice[i].strID, i);
     bool bOk = true;
     while (element != nullptr && bOk) {
-        bOk = m_EleOnRegisteredDevice(element);
+        bOk = m_EleOnRegisteredDevice(element, &index);
         element = xmlGetNextSiblingNode(element, X("RegisteredDevice"));
     }
     // Deliberate: an incomplete device only stops the reading; the list still
@@ -431,6 +433,11 @@ bool CRegisteredDeviceList::m_ParseRegisteredDevice(const char *buffer, int size
 }
 
 bool CRegisteredDeviceList::m_EleOnRegisteredDevice(xmlNode *node)
+{
+    return m_EleOnRegisteredDevice(node, nullptr);
+}
+
+bool CRegisteredDeviceList::m_EleOnRegisteredDevice(xmlNode *node, Index *pIndex)
 {
     Item item;
     if (!GetAttr(node, "id", item.strID)) {
@@ -457,11 +464,16 @@ bool CRegisteredDeviceList::m_EleOnRegisteredDevice(xmlNode *node)
     }
     item.strCtrlName = TextOrEmpty(name);
 
-    InsertDeviceList(item);
+    InsertDeviceList(item, pIndex);
     return true;
 }
 
 void CRegisteredDeviceList::InsertDeviceList(CRegisteredDeviceList::Item item)
+{
+    InsertDeviceList(std::move(item), nullptr);
+}
+
+void CRegisteredDeviceList::InsertDeviceList(CRegisteredDeviceList::Item item, Index *pIndex)
 {
     LUMORA_LOG(EXT_LOG_DEBUG,
                "[CRegisteredDeviceList] -----id:[%s]\n --------name:[%s]\n -------bConnected:[%d]\n "
@@ -473,24 +485,28 @@ void CRegisteredDeviceList::InsertDeviceList(CRegisteredDeviceList::Item item)
     // appearance. Pinned by LumoraParameterTest (registered-device list).
     if (item.type != kAirConditioner)
         return;
-    // The list is public: an index that no longer matches it is rebuilt.
-    if (m_mapIndex.size() != m_vecDevice.size()) {
-        m_mapIndex.clear();
-        for (size_t i = 0; i < m_vecDevice.size(); ++i)
-            m_mapIndex.emplace(m_vecDevice[i].strID, i);
+    size_t at = m_vecDevice.size();
+    if (pIndex) {
+        const auto found = pIndex->find(item.strID);
+        if (found != pIndex->end())
+            at = found->second;
+    } else {
+        at = static_cast<size_t>(std::find_if(m_vecDevice.begin(), m_vecDevice.end(),
+                                              [&](const Item &have) { return have.strID == item.strID; }) -
+                                 m_vecDevice.begin());
     }
-    const auto found = m_mapIndex.find(item.strID);
-    if (found != m_mapIndex.end()) {
+    if (at < m_vecDevice.size()) {
         // Deliberate: bConnected keeps the device's first report; status
         // shows the latest. Pinned by LumoraParameterTest (registered-device
         // list: a repeat).
-        Item &existing = m_vecDevice[found->second];
+        Item &existing = m_vecDevice[at];
         existing.strCtrlName = item.strCtrlName;
         existing.status = item.status;
         existing.type = item.type;
         return;
     }
-    m_mapIndex.emplace(item.strID, m_vecDevice.size());
+    if (pIndex)
+        pIndex->emplace(item.strID, m_vecDevice.size());
     m_vecDevice.push_back(std::move(item));
 }
 
