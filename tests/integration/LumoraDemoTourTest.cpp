@@ -39,7 +39,7 @@ std::unique_ptr<Supervisor> LumoraDemoTour::tv;
 
 TEST_F(LumoraDemoTour, NewDeviceAndDevicePopupsAreShown)
 {
-    ASSERT_TRUE(tv->WaitForLog("┌─ org.kelvar.lumora #2 ", 15s)) << tv->Log();
+    ASSERT_TRUE(tv->WaitForLog("┌─ org.kelvar.lumora #2 ", kHangGuard)) << tv->Log();
     EXPECT_THAT(Popups(),
                 ElementsAre("1\tNew home appliance detected\tYes\tNo", "2\tLiving room\tClose\tGo to Lumora"));
     EXPECT_THAT(LumoraTv({"notifications", "2"}).out,
@@ -67,17 +67,18 @@ TEST_F(LumoraDemoTour, YesLaunchesNothingAndGoToLumoraLaunchesTheWidget)
 TEST_F(LumoraDemoTour, WifiRefreshesTheEngineAndLaterPopupsAreKoreanWithOnlyOkWhileTheWidgetRuns)
 {
     ASSERT_EQ(LumoraTv({"network", "wifi"}).status, 0);
-    EXPECT_TRUE(tv->WaitForLog("m_ConnectionTypeChangedCB() is called. type : 1", 5s)) << tv->Log();
-    EXPECT_TRUE(tv->WaitForLog("event type is 0,", 5s, 2)) << "the engine reports its devices again\n" << tv->Log();
+    EXPECT_TRUE(tv->WaitForLog("m_ConnectionTypeChangedCB() is called. type : 1", kHangGuard)) << tv->Log();
+    EXPECT_TRUE(tv->WaitForLog("event type is 0,", kHangGuard, 2)) << "the engine reports its devices again\n"
+                                                                   << tv->Log();
     ASSERT_EQ(LumoraTv({"set", "db/menu_widget/language", "ko_KR.UTF-8"}).status, 0);
-    ASSERT_TRUE(tv->WaitForLog("┌─ org.kelvar.lumora #3 ", 15s)) << tv->Log();
+    ASSERT_TRUE(tv->WaitForLog("┌─ org.kelvar.lumora #3 ", kHangGuard)) << tv->Log();
     EXPECT_THAT(Popups(), ElementsAre("3\tLaundry\t확인"));
     EXPECT_THAT(LumoraTv({"notifications", "3"}).out, HasSubstr("세탁이 완료되었습니다."));
 }
 
 TEST_F(LumoraDemoTour, EnginePowerOffEndsTheServiceCleanly)
 {
-    ExpectSupervised(tv->Ended(30s), 3);
+    ExpectSupervised(tv->Ended(kHangGuard), 3);
     EXPECT_EQ(tv->CountInLog("In HAC_EVENT_TV_POWER_OFF condition "), 1);
     EXPECT_EQ(tv->CountInLog("CLumoraTvControl success to power off the TV!"), 1);
     EXPECT_EQ(tv->CountInLog("############ Out LumoraApp Main, ret is 0 ############"), 1);

@@ -54,7 +54,7 @@ TEST_F(LumoraFault, AnEngineStartThatFailsLeavesTheServiceUpAndFed)
     EngineLibrarySwap swap(variant);
     Supervisor tv;
     tv.Start({"--scenario", "demo"});
-    ASSERT_TRUE(tv.WaitForLog(">Fail to Start the QORV!", 20s)) << tv.Log();
+    ASSERT_TRUE(tv.WaitForLog(">Fail to Start the QORV!", kHangGuard)) << tv.Log();
     EXPECT_EQ(tv.CountInLog(">Start QORV failed!"), 1);
     EXPECT_EQ(tv.CountInLog(">Success to start qorv!"), 0);
     EXPECT_TRUE(tv.WaitForMessages(tv.Messages().size() + 1, 8s)) << "the watchdog stopped after the failed start";
@@ -69,11 +69,12 @@ TEST_F(LumoraFault, ARefusedLanguageSubscriptionAtCreateIsOnlyLogged)
 {
     Supervisor tv;
     tv.Start({"--scenario", "quiet"}, {"TVHOST_FAULTS=vconf_notify_key_changed=-1"});
-    ASSERT_TRUE(tv.WaitForLog(">Unable to register a vconf changed cb to db/menu_widget/language.", 10s)) << tv.Log();
-    ASSERT_TRUE(tv.WaitForLog(">LumoraManager::Construct SetSystemLanguage strReturn = OK", 20s)) << tv.Log();
+    ASSERT_TRUE(tv.WaitForLog(">Unable to register a vconf changed cb to db/menu_widget/language.", kHangGuard))
+        << tv.Log();
+    ASSERT_TRUE(tv.WaitForLog(">LumoraManager::Construct SetSystemLanguage strReturn = OK", kHangGuard)) << tv.Log();
 
     ASSERT_EQ(LumoraTv({"set", "db/menu_widget/language", "ko_KR.UTF-8"}).status, 0);
-    EXPECT_TRUE(tv.WaitForLog(">CLumoraQorvHelper Begin to Execute strParam1 = ko_KR!", 10s)) << tv.Log();
+    EXPECT_TRUE(tv.WaitForLog(">CLumoraQorvHelper Begin to Execute strParam1 = ko_KR!", kHangGuard)) << tv.Log();
     EXPECT_EQ(tv.CountInLog(">In app_lang_change"), 0);
     ExpectSupervised(tv.Terminate());
 }

@@ -38,7 +38,7 @@ TEST(LumoraHostile, HostileTextsLeaveTheServiceUpAndItsTerminalFreeOfControlsAnd
     ASSERT_EQ(LumoraTv({"reset"}).status, 0);
     Supervisor tv;
     tv.Start({"--scenario", "quiet"});
-    ASSERT_TRUE(tv.WaitForLog("LumoraManager::Construct SetSystemLanguage strReturn = OK", 300s)) << tv.Log();
+    ASSERT_TRUE(tv.WaitForLog("LumoraManager::Construct SetSystemLanguage strReturn = OK", kHangGuard)) << tv.Log();
 
     const std::string entity = "<!DOCTYPE n [<!ENTITY e \"" + std::string(60000, 'A') + "\">]>";
     Raise(5, Notification(entity, "", Repeat("&e;", 4000)));
@@ -80,7 +80,7 @@ TEST(LumoraHostile, HostileTextsLeaveTheServiceUpAndItsTerminalFreeOfControlsAnd
         Raise(77, name);
     }
     Raise(5, Notification("", "", "after"));
-    EXPECT_TRUE(tv.WaitForLog(">[CDeviceNotification], strCtrlName = [after]", 300s));
+    EXPECT_TRUE(tv.WaitForLog(">[CDeviceNotification], strCtrlName = [after]", kHangGuard));
     EXPECT_TRUE(tv.Running());
 
     const std::string out = tv.Log();

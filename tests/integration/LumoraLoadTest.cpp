@@ -25,7 +25,7 @@ TEST(LumoraLoad, AStormWithPressesAndLanguageFlipsKeepsTheServiceUpAndFed)
     ASSERT_EQ(LumoraTv({"reset"}).status, 0);
     Supervisor tv;
     tv.Start({"--scenario", "storm"});
-    ASSERT_TRUE(tv.WaitForLog(">Success to start qorv!", 20s)) << tv.Log().substr(0, 4000);
+    ASSERT_TRUE(tv.WaitForLog(">Success to start qorv!", kHangGuard)) << tv.Log().substr(0, 4000);
 
     // Another process, every 100 ms: a press of "Yes" on the newest new-device
     // pop-up on screen (the odd items), or a language flip. The bounded screen
@@ -63,7 +63,7 @@ TEST(LumoraLoad, AStormWithPressesAndLanguageFlipsKeepsTheServiceUpAndFed)
     const int nDevicePopups = Occurrences(log, ">LumoraNotification::m_AddDeviceNotification show the notification");
     const int nNewDevicePopups = Occurrences(log, ">LumoraNotification::m_AddNewDeviceFound");
     const int nKorean = Occurrences(log, ">CLumoraQorvHelper Begin to Execute strParam1 = ko_KR!");
-    const Supervision seen = tv.Terminate(30s);
+    const Supervision seen = tv.Terminate(kHangGuard);
     ExpectSupervised(seen);
 
     std::printf("storm: %d rounds; %d/%d presses and %d/%d language flips done; longest watchdog gap %lld ms\n",

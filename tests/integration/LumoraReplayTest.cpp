@@ -21,13 +21,13 @@ protected:
         EXPECT_EQ(LumoraTv({"reset"}).status, 0);
         Supervisor tv;
         tv.Start({"--scenario", "demo"}, {"TVHOST_LOG_FORMAT=" + form, "TVHOST_DRAW=0", "QORV_SIM_SPEED=2"});
-        EXPECT_TRUE(tv.WaitForLog(">LumoraNotification::m_AddDeviceNotification show the notification", 20s))
+        EXPECT_TRUE(tv.WaitForLog(">LumoraNotification::m_AddDeviceNotification show the notification", kHangGuard))
             << tv.Log();
         EXPECT_EQ(LumoraTv({"set", "db/menu_widget/language", "ko_KR.UTF-8"}).status, 0);
         EXPECT_EQ(LumoraTv({"press", "1", "0"}).status, 0);
         EXPECT_EQ(LumoraTv({"press", "2", "1"}).status, 0);
         EXPECT_EQ(LumoraTv({"network", "wifi"}).status, 0);
-        ExpectSupervised(tv.Ended(30s), 3);
+        ExpectSupervised(tv.Ended(kHangGuard), 3);
         const std::string path = testing::TempDir() + "/replay_demo_" + form + ".log";
         std::ofstream(path) << tv.Log();
         return path;

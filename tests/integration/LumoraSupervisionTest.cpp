@@ -40,7 +40,7 @@ protected:
         ASSERT_EQ(device_power_request_poweroff(3), 0) << "a record left by an earlier run";
         tv = std::make_unique<Supervisor>();
         tv->Start({"--scenario", "quiet"});
-        ASSERT_TRUE(tv->WaitForLog("CLumoraWidgetChecker in SetWidgetInstalledCB function", 10s)) << tv->Log();
+        ASSERT_TRUE(tv->WaitForLog("CLumoraWidgetChecker in SetWidgetInstalledCB function", kHangGuard)) << tv->Log();
     }
     static void TearDownTestSuite()
     {
@@ -80,9 +80,9 @@ TEST_F(LumoraSupervision, AWidgetInstalledLateStartsTheEngine)
 {
     std::this_thread::sleep_until(tv->StartedAt() + 4s);
     ASSERT_EQ(LumoraTv({"widget", "install"}).status, 0);
-    ASSERT_TRUE(tv->WaitForLog(">Begin to start qorv!", 5s)) << "the service did not hear of the install\n"
-                                                             << tv->Log();
-    ASSERT_TRUE(tv->WaitForLog(">Success to start qorv!", 10s)) << tv->Log();
+    ASSERT_TRUE(tv->WaitForLog(">Begin to start qorv!", kHangGuard)) << "the service did not hear of the install\n"
+                                                                     << tv->Log();
+    ASSERT_TRUE(tv->WaitForLog(">Success to start qorv!", kHangGuard)) << tv->Log();
     EXPECT_THAT(LumoraTv({"status"}).out, HasSubstr("engine:    started"));
 }
 
@@ -123,10 +123,10 @@ TEST_F(LumoraStartedDirectly, WithTheWidgetInstalledTheEngineStartsInTheTvLangua
     ASSERT_EQ(LumoraTv({"set", "db/menu_widget/language", "de_DE.UTF-8"}).status, 0);
     Supervisor tv;
     tv.StartService({"--from-test"});
-    ASSERT_TRUE(tv.WaitForLog("Success to start qorv!", 10s)) << tv.Log();
-    EXPECT_TRUE(tv.WaitForLog("CLumoraQorvHelper Begin to Execute strParam1 = de_DE!", 5s)) << tv.Log();
+    ASSERT_TRUE(tv.WaitForLog("Success to start qorv!", kHangGuard)) << tv.Log();
+    EXPECT_TRUE(tv.WaitForLog("CLumoraQorvHelper Begin to Execute strParam1 = de_DE!", kHangGuard)) << tv.Log();
     EXPECT_EQ(tv.CountInLog("argv[1]-----[--from-test]"), 1);
-    ASSERT_TRUE(tv.WaitForMessages(4, 10s)) << "readiness and the first watchdog messages";
+    ASSERT_TRUE(tv.WaitForMessages(4, kHangGuard)) << "readiness and the first watchdog messages";
     ExpectSupervised(tv.Terminate());
 }
 
@@ -139,7 +139,7 @@ TEST_F(LumoraStartedDirectly, CreateFailsWhenTheDataFolderCannotBePrepared)
 
     Supervisor tv;
     tv.StartService({}, {"PATH=" + tools + ":" + std::getenv("PATH")});
-    const int status = tv.Wait(20s);
+    const int status = tv.Wait(kHangGuard);
     ASSERT_NE(status, -1) << tv.Log();
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "main returns 0 whatever the framework says";
     EXPECT_EQ(tv.CountInLog("_app_terminate"), 0) << "no terminate after a failed create";

@@ -149,7 +149,7 @@ TEST_F(LumoraTvCli, OneServiceItsPopupsLeaveTheScreenWhenAnsweredAndItsStateAsJs
 {
     Supervisor tv;
     tv.Start({});
-    ASSERT_TRUE(tv.WaitForLog(">Success to start qorv!", 20s)) << tv.Log();
+    ASSERT_TRUE(tv.WaitForLog(">Success to start qorv!", kHangGuard)) << tv.Log();
     EXPECT_EQ(tv.CountInLog("lumora-tv: the engine plays scenario \"quiet\" (the default"), 1) << tv.Log();
     const std::string pid = std::to_string(tv.Pid());
     Check({
@@ -173,14 +173,14 @@ TEST_F(LumoraTvCli, OneServiceItsPopupsLeaveTheScreenWhenAnsweredAndItsStateAsJs
         {{"event", "12291", "power-off"}, 0, "the TV was switched off (power-off request of kind 3)", true},
         {{"power"}, 3, "off: the TV was switched off", true},
     });
-    ExpectSupervised(tv.Ended(30s));
+    ExpectSupervised(tv.Ended(kHangGuard));
 }
 
 TEST_F(LumoraTvCli, LogsShowWhatTheServiceWroteAndCtrlCOnRunStopsIt)
 {
     Supervisor tv;
     tv.Start({});
-    ASSERT_TRUE(tv.WaitForLog(">Success to start qorv!", 20s)) << tv.Log();
+    ASSERT_TRUE(tv.WaitForLog(">Success to start qorv!", kHangGuard)) << tv.Log();
     ASSERT_NE(tv.Pid(), tv.RunPid()) << "run waits for the service as its child";
 
     // A D record of the service's start, with its time, in every filter that keeps D.
@@ -198,7 +198,7 @@ TEST_F(LumoraTvCli, LogsShowWhatTheServiceWroteAndCtrlCOnRunStopsIt)
 
     // Ctrl-C in a terminal signals the whole foreground group.
     ASSERT_EQ(kill(-tv.RunPid(), SIGINT), 0);
-    const int status = tv.Wait(30s);
+    const int status = tv.Wait(kHangGuard);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 130) << status << "\n" << tv.Log();
     EXPECT_EQ(tv.CountInLog("stopping: the watchdog timer may take up to 6 s\n"), 1) << tv.Log();
     EXPECT_EQ(tv.CountInLog("############ Out LumoraApp Main, ret is 0 ############"), 1);
@@ -228,8 +228,8 @@ TEST_F(LumoraTvCli, FailedStartLeavesNoLockAndTheNextStartWorks)
 
     Supervisor tv;
     tv.Start({});
-    ASSERT_TRUE(tv.WaitForLog(">Success to start qorv!", 300s)) << tv.Log();
-    ExpectSupervised(tv.Terminate(300s));
+    ASSERT_TRUE(tv.WaitForLog(">Success to start qorv!", kHangGuard)) << tv.Log();
+    ExpectSupervised(tv.Terminate(kHangGuard));
 }
 
 TEST_F(LumoraTvCli, StopNeverLeavesTheServiceRunningAfterSayingItEnded)
@@ -257,7 +257,7 @@ TEST_F(LumoraTvCli, StopNeverLeavesTheServiceRunningAfterSayingItEnded)
         ASSERT_FALSE(ended.empty()) << stop.out;
         EXPECT_TRUE(Gone(std::stoi(ended[1]))) << "stop said it ended, yet it runs";
         // A SIGTERM before the service's main loop runs ends it at once.
-        const int status = tv.Wait(300s);
+        const int status = tv.Wait(kHangGuard);
         EXPECT_TRUE(status == 0 || (WIFEXITED(status) && WEXITSTATUS(status) == 128 + SIGTERM)) << status << "\n"
                                                                                                 << tv.Log();
     }
@@ -271,13 +271,13 @@ TEST_P(LumoraTvReplayStop, StopSignalToReplayEndsItsService)
 {
     Supervisor replay;
     replay.Spawn({LumoraTvBinary(), "replay", LUMORA_SOURCE_DIR "/tools/tvlog/samples/demo-threadtime.log"});
-    ASSERT_TRUE(replay.WaitForLog("replaying ", 300s)) << replay.Log();
+    ASSERT_TRUE(replay.WaitForLog("replaying ", kHangGuard)) << replay.Log();
     LumoraTvResult status;
     for (int i = 0; i < 3000 && (status = LumoraTv({"status"})).status != 0; ++i)
         std::this_thread::sleep_for(100ms);
     ASSERT_EQ(status.status, 0) << Describe({"status"}, status) << replay.Log();
     ASSERT_EQ(kill(replay.RunPid(), GetParam()), 0);
-    const int ended = replay.Wait(300s);
+    const int ended = replay.Wait(kHangGuard);
     EXPECT_TRUE(WIFEXITED(ended) && WEXITSTATUS(ended) == 128 + GetParam()) << ended << "\n" << replay.Log();
     EXPECT_EQ(LumoraTv({"status"}).status, 3) << "a service is left behind";
 }

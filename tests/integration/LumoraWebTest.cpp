@@ -25,7 +25,7 @@ int StartWeb(Supervisor &web, const std::vector<std::string> &env = {})
 {
     web.Spawn({LumoraTvBinary(), "web", "--listen", "127.0.0.1:0"}, env);
     const std::string open = "open http://127.0.0.1:";
-    if (!web.WaitForLog(open, 20s))
+    if (!web.WaitForLog(open, kHangGuard))
         throw std::runtime_error("lumora-tv web said: " + web.Log());
     return std::atoi(web.Log().c_str() + web.Log().find(open) + open.size());
 }
@@ -34,7 +34,7 @@ int StartWeb(Supervisor &web, const std::vector<std::string> &env = {})
 int Interrupt(Supervisor &web)
 {
     kill(web.RunPid(), SIGINT);
-    const int status = web.Wait(30s);
+    const int status = web.Wait(kHangGuard);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
@@ -153,7 +153,7 @@ TEST_F(LumoraWeb, OpenPagesStayInStepAndAClosedOneFreesItsPlace)
 {
     Supervisor tv, web;
     tv.Start({});
-    ASSERT_TRUE(tv.WaitForLog(">Success to start qorv!", 20s)) << tv.Log();
+    ASSERT_TRUE(tv.WaitForLog(">Success to start qorv!", kHangGuard)) << tv.Log();
     const int port = StartWeb(web);
     httplib::Client client("127.0.0.1", port);
 

@@ -47,7 +47,7 @@ void Supervisor::Start(const std::vector<std::string> &runArgs, const std::vecto
     argv.insert(argv.end(), runArgs.begin(), runArgs.end());
     Spawn(std::move(argv), env);
     const std::string started = "lumora-tv: started ";
-    if (WaitForLog(started, 20s)) {
+    if (WaitForLog(started, kHangGuard)) {
         const std::string &log = Log();
         const size_t at = log.find(" (pid ", log.find(started));
         const size_t end = at == std::string::npos ? at : log.find(')', at);

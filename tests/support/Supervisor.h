@@ -14,6 +14,11 @@
 #include "NotifySocket.h"
 #include "proc/process.h"
 
+// The limit of a wait for something that does come (a log line, an end):
+// only a guard against a hang, ten times and more what a loaded machine
+// takes. A wait whose length is what is tested (a watchdog period) has its own.
+constexpr std::chrono::seconds kHangGuard{300};
+
 // The messages of one run, judged as systemd would see them.
 struct Supervision {
     std::vector<std::string> problems; // empty when every message and the exit were as they must be
@@ -52,7 +57,7 @@ public:
 
     // Sends SIGTERM and waits for the end, then judges the run: an exit that
     // does not come within timeout or is not a clean 0 is one more problem.
-    Supervision Terminate(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    Supervision Terminate(std::chrono::milliseconds timeout = kHangGuard);
     // Waits for an end the service comes to itself, then judges the run.
     Supervision Ended(std::chrono::milliseconds timeout);
 

@@ -2,7 +2,8 @@
 // (the lumora-tv command line, a web page). Each one reads or changes the TV
 // root's shared state, or asks the running service through its control socket,
 // and returns what it found. Nothing here prints; a failure is an Error whose
-// text is meant for the person who asked.
+// text says what failed and why, for the person who asked, and whose remedy
+// says what they can do, which each front end phrases its own way.
 #pragma once
 
 #include <chrono>
@@ -25,17 +26,35 @@ public:
         kBadRequest, // what was asked for does not exist or is malformed (an unknown key, scenario, number)
         kCannot,     // a sound request the host TV cannot do now (no service, engine not started, ...)
     };
-    Error(Kind kind, const std::string &text) : std::runtime_error(text), m_kind(kind) {}
+    // What the person can do about it.
+    enum class Remedy {
+        kNone,
+        kStartService,  // no service runs: start one
+        kStopService,   // a service runs (or is starting): stop it first
+        kInstallWidget, // the widget is not installed
+        kWaitLonger,    // the engine is busy: wait longer for its answer
+        kForce,         // a value the service would ignore: write it anyway (subject: the key)
+        kKill,          // the service did not end on SIGTERM: kill it (subject: its pid)
+        kFixOwner,      // the TV root is not writable: take it back (subject: the root)
+    };
+    Error(Kind kind, const std::string &text, Remedy remedy = Remedy::kNone, std::string subject = "")
+        : std::runtime_error(text), m_kind(kind), m_remedy(remedy), m_subject(std::move(subject))
+    {}
     Kind kind() const { return m_kind; }
+    Remedy remedy() const { return m_remedy; }
+    const std::string &subject() const { return m_subject; }
 
 private:
     Kind m_kind;
+    Remedy m_remedy;
+    std::string m_subject;
 };
 
 extern const char kWidgetApp[];     // the companion widget
 extern const char kLanguageKey[];   // the TV's display language
 extern const char kAppChangeKey[];  // bumped whenever an application is installed or removed
 extern const char kFreshLanguage[]; // the language of a fresh host TV
+extern const char kNotRunning[];    // the text of the Error when no service runs
 
 // Reads a whole decimal number given for what (e.g. "ITEM"); a bad request otherwise.
 int ReadNumber(const std::string &text, const std::string &what);

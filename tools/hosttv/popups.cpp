@@ -9,11 +9,11 @@ namespace hosttv {
 
 namespace {
 
-const char kNotRunning[] = "the service is not running on this host TV; start it with: lumora-tv run";
-
 [[noreturn]] void FailRemote(const noti::remote::Error &error)
 {
-    throw Error(Error::Kind::kCannot, error.bNoService ? kNotRunning : error.text);
+    if (error.bNoService)
+        throw Error(Error::Kind::kCannot, kNotRunning, Error::Remedy::kStartService);
+    throw Error(Error::Kind::kCannot, error.text);
 }
 
 } // namespace
@@ -64,18 +64,18 @@ int RaiseEvent(int number, const std::string &param, std::chrono::seconds answer
                               static_cast<int>(answerWait.count()))) {
         int pid = ServicePid();
         if (!pid)
-            throw Error(Error::Kind::kCannot, kNotRunning);
+            throw Error(Error::Kind::kCannot, kNotRunning, Error::Remedy::kStartService);
         // Connected but no answer: the engine thread is busy with earlier events.
         if (reason == "no answer from the engine")
             throw Error(Error::Kind::kCannot,
                         "the engine of the service (pid " + std::to_string(pid) + ") is busy: no answer within " +
                             std::to_string(answerWait.count()) +
-                            " s; the event waits its turn and may still be handled (see: lumora-tv notifications; "
-                            "event --wait SECONDS waits longer)");
-        throw Error(Error::Kind::kCannot, "the engine of the service (pid " + std::to_string(pid) +
-                                              ") is not started (" + reason +
-                                              "); the service starts it 3 s after it finds the widget: lumora-tv "
-                                              "widget install");
+                            " s; the event waits its turn and may still be handled",
+                        Error::Remedy::kWaitLonger);
+        throw Error(Error::Kind::kCannot,
+                    "the engine of the service (pid " + std::to_string(pid) + ") is not started (" + reason +
+                        "); the service starts it 3 s after it finds the widget",
+                    Error::Remedy::kInstallWidget);
     }
     return answer;
 }

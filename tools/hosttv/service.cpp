@@ -33,6 +33,7 @@ const char kLanguageKey[] = "db/menu_widget/language";
 const char kAppChangeKey[] = "memory/was/app_change";
 const char kFreshLanguage[] = "en_US.UTF-8";
 const char kDefaultScenario[] = "quiet";
+const char kNotRunning[] = "the service is not running on this host TV";
 
 namespace {
 
@@ -102,10 +103,9 @@ LockState ReadLock(proc::Fd *pKeep = nullptr)
 [[noreturn]] void FailAlreadyRuns(int pid)
 {
     if (!pid)
-        throw Error(Error::Kind::kCannot, "a service is being started on this host TV; wait for it, then drive it "
-                                          "with lumora-tv, or stop it: lumora-tv stop");
-    throw Error(Error::Kind::kCannot, "the service already runs on this host TV (pid " + std::to_string(pid) +
-                                          "); drive it with lumora-tv, or stop it first: lumora-tv stop");
+        throw Error(Error::Kind::kCannot, "a service is being started on this host TV", Error::Remedy::kStopService);
+    throw Error(Error::Kind::kCannot, "the service already runs on this host TV (pid " + std::to_string(pid) + ")",
+                Error::Remedy::kStopService);
 }
 
 // Takes the run lock for this process (and the service it starts), empty.
@@ -279,9 +279,9 @@ int StopService(std::chrono::seconds wait, const std::function<void(int pid)> &s
     if (!state.bHeld) {
         if (const int pid = ServicePid())
             throw Error(Error::Kind::kCannot, "the service (pid " + std::to_string(pid) +
-                                                  ") was not started by lumora-tv, which stops only what it "
-                                                  "started; stop it where it was started");
-        throw Error(Error::Kind::kCannot, "the service is not running on this host TV");
+                                                  ") was not started by the host TV's tools, which stop only what "
+                                                  "they started; stop it where it was started");
+        throw Error(Error::Kind::kCannot, kNotRunning, Error::Remedy::kStartService);
     }
     if (!state.pid)
         throw Error(Error::Kind::kCannot, "a service is being started on this host TV but does not run yet; try "
@@ -295,7 +295,7 @@ int StopService(std::chrono::seconds wait, const std::function<void(int pid)> &s
         if (ReadLock().bHeld)
             throw Error(Error::Kind::kCannot,
                         "cannot stop the service (pid " + std::to_string(pid) + "): " + std::strerror(errno));
-        throw Error(Error::Kind::kCannot, "the service is not running on this host TV");
+        throw Error(Error::Kind::kCannot, kNotRunning, Error::Remedy::kStartService);
     }
     if (signalled)
         signalled(pid);
@@ -303,9 +303,10 @@ int StopService(std::chrono::seconds wait, const std::function<void(int pid)> &s
     int n;
     while ((n = poll(&pfd, 1, static_cast<int>(std::chrono::milliseconds(wait).count()))) < 0 && errno == EINTR) {}
     if (n == 0)
-        throw Error(Error::Kind::kCannot, "the service (pid " + std::to_string(pid) + ") did not end within " +
-                                              std::to_string(wait.count()) + " s of SIGTERM; force it: kill -9 " +
-                                              std::to_string(pid));
+        throw Error(Error::Kind::kCannot,
+                    "the service (pid " + std::to_string(pid) + ") did not end within " + std::to_string(wait.count()) +
+                        " s of SIGTERM",
+                    Error::Remedy::kKill, std::to_string(pid));
     return pid;
 }
 
@@ -313,9 +314,11 @@ void Reset()
 {
     if (const int pid = ServicePid())
         throw Error(Error::Kind::kCannot,
-                    "the service runs (pid " + std::to_string(pid) + "); stop it before resetting the host TV");
+                    "the service runs (pid " + std::to_string(pid) + "); the host TV is reset without it",
+                    Error::Remedy::kStopService);
     if (ServiceStarting())
-        throw Error(Error::Kind::kCannot, "a service is being started on this host TV; stop it before resetting");
+        throw Error(Error::Kind::kCannot, "a service is being started on this host TV; the host TV is reset without it",
+                    Error::Remedy::kStopService);
     Written(tvhost::apps::SetInstalled(kWidgetApp, true) && tvhost::apps::SetRunning(kWidgetApp, false),
             "the widget's state");
     Written(tvhost::settings::SetString(kLanguageKey, kFreshLanguage), std::string("the settings key ") + kLanguageKey);

@@ -90,10 +90,10 @@ std::optional<std::string> GetSetting(const SettingKey &key)
 void SetSetting(const SettingKey &key, const std::string &value, bool bForce)
 {
     if (!bForce && key.accepts && !key.accepts(value))
-        throw Error(Error::Kind::kCannot, "\"" + value + "\" is not a value of " + key.name + ": it takes " + key.form +
-                                              "; the service would ignore it. To write it all the same: "
-                                              "lumora-tv set --force " +
-                                              key.name + " VALUE");
+        throw Error(Error::Kind::kCannot,
+                    "\"" + value + "\" is not a value of " + key.name + ": it takes " + key.form +
+                        "; the service would ignore it",
+                    Error::Remedy::kForce, key.name);
     Written(key.bNumber ? tvhost::settings::SetInt(key.name, ReadNumber(value, key.name))
                         : tvhost::settings::SetString(key.name, value),
             std::string("the settings key ") + key.name);

@@ -28,8 +28,8 @@ WidgetChange InstallWidget(bool bInstall)
 WidgetState LaunchWidget()
 {
     if (!Widget().bInstalled)
-        throw Error(Error::Kind::kCannot,
-                    "the widget is not installed, so it cannot run; install it first: lumora-tv widget install");
+        throw Error(Error::Kind::kCannot, "the widget is not installed, so it cannot run",
+                    Error::Remedy::kInstallWidget);
     Written(tvhost::apps::SetRunning(kWidgetApp, true), "the widget's state");
     return Widget();
 }

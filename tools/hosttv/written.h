@@ -17,12 +17,9 @@ inline void Written(bool bDone, const std::string &what)
     if (bDone)
         return;
     const int error = errno;
-    std::string text = "cannot write " + what + " in the TV root " + tvhost::Root() + ": " + std::strerror(error);
-    if (error == EACCES || error == EPERM || error == EROFS)
-        text += "; it must be writable by whoever drives the host TV (made by another user, e.g. sudo make demo? "
-                "then: sudo chown -R \"$(id -un)\" " +
-                tvhost::Root() + ")";
-    throw Error(Error::Kind::kCannot, text);
+    const std::string text = "cannot write " + what + " in the TV root " + tvhost::Root() + ": " + std::strerror(error);
+    const bool bOwner = error == EACCES || error == EPERM || error == EROFS;
+    throw Error(Error::Kind::kCannot, text, bOwner ? Error::Remedy::kFixOwner : Error::Remedy::kNone, tvhost::Root());
 }
 
 } // namespace hosttv

@@ -278,6 +278,26 @@ int Version(const Args &)
     return kDone;
 }
 
+// What a person at this command line can do about a failure.
+std::string Advice(const hosttv::Error &e)
+{
+    using R = hosttv::Error::Remedy;
+    switch (e.remedy()) {
+    case R::kNone: return "";
+    case R::kStartService: return "; start it with: lumora-tv run";
+    case R::kStopService: return "; stop it first: lumora-tv stop";
+    case R::kInstallWidget: return "; install it first: lumora-tv widget install";
+    case R::kWaitLonger: return " (see: lumora-tv notifications); to wait longer: lumora-tv event --wait SECONDS ...";
+    case R::kForce: return "; to write it all the same: lumora-tv set --force " + e.subject() + " VALUE";
+    case R::kKill: return "; force it: kill -9 " + e.subject();
+    case R::kFixOwner:
+        return "; it must be writable by whoever drives the host TV (made by another user, e.g. sudo make demo? "
+               "then: sudo chown -R \"$(id -un)\" " +
+               e.subject() + ")";
+    }
+    return "";
+}
+
 int Dispatch(const std::string &name, const Args &args)
 {
     const Command *c = Find(name == "--help" || name == "-h" ? "help" : name == "--version" ? "version" : name);
@@ -303,7 +323,7 @@ int Dispatch(const std::string &name, const Args &args)
         std::fprintf(stderr, "lumora-tv: %s\n", e.what());
         return kUsage;
     } catch (const hosttv::Error &e) {
-        std::fprintf(stderr, "lumora-tv: %s\n", e.what());
+        std::fprintf(stderr, "lumora-tv: %s%s\n", e.what(), Advice(e).c_str());
         return e.kind() == hosttv::Error::Kind::kBadRequest ? kUsage : kFailed;
     } catch (const std::exception &e) {
         std::fprintf(stderr, "lumora-tv: %s\n", e.what());
