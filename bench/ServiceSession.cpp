@@ -27,7 +27,6 @@ void QuietHost()
     tvhost::log::SetCapture(false);
     tvhost::log::SetEnabled(false);
     tvhost::notifications::DrawTo(nullptr);
-    setenv("QORV_SIM_QUIET", "1", 1);
 }
 
 void SetLogging(bool bOn)
@@ -39,9 +38,15 @@ void SetLogging(bool bOn)
 
 ServiceSession::ServiceSession()
 {
-    // The TV's own tools (chsmack, the app-user mapping) first, as on the TV.
-    std::string path = tvhost::Root() + "/usr/bin:" + std::getenv("PATH");
-    setenv("PATH", path.c_str(), 1);
+    // The data folder's commands need the TV's own tools (chsmack, the
+    // app-user mapping) first on PATH, as on the TV; bench/run puts them there.
+    const char *pPath = std::getenv("PATH");
+    const std::string tools = tvhost::Root() + "/usr/bin:";
+    if (!pPath || std::string(pPath).compare(0, tools.size(), tools) != 0)
+        std::fprintf(stderr,
+                     "bench: %s is not first on PATH, so the data folder cannot be prepared; run the "
+                     "benchmarks through bench/run (make bench)\n",
+                     tools.substr(0, tools.size() - 1).c_str());
     QuietHost();
 }
 
