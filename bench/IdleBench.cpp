@@ -30,6 +30,7 @@
 #include "tvhost/apps.h"
 #include "tvhost/parse.h"
 #include "tvhost/network.h"
+#include "tvhost/service.h"
 #include "tvhost/settings.h"
 #include "tvhost/tvhost.h"
 
@@ -38,8 +39,8 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-const char kWidgetApp[] = "PzKmRvTqXa.Lumora";
-const char kLanguageKey[] = "db/menu_widget/language";
+using tvhost::service::kLanguageKey;
+using tvhost::service::kWidgetApp;
 
 std::string ReadAll(const std::string &path)
 {

@@ -6,14 +6,15 @@
 #include <vector>
 
 #include "mode.h"
+#include "tvhost/service.h"
 
 namespace qorvsim {
 
-constexpr int kEventRegisteredDevices = 0;
-constexpr int kEventNewDevices = 1;
-constexpr int kEventDeviceNotification = 5;
-constexpr int kEventMasterKeys = 12290;
-constexpr int kEventPowerOff = 12291;
+constexpr int kEventRegisteredDevices = tvhost::service::kRegisteredDevices;
+constexpr int kEventNewDevices = tvhost::service::kNewDevices;
+constexpr int kEventDeviceNotification = tvhost::service::kDeviceNotification;
+constexpr int kEventMasterKeys = tvhost::service::kMasterKeys;
+constexpr int kEventPowerOff = tvhost::service::kPowerOff;
 
 std::string EscapeXml(const std::string &strText);
 

@@ -2,14 +2,12 @@
 
 #include <cstdlib>
 
+#include "tvhost/service.h"
 #include "tvhost/apps.h"
 #include "tvhost/mainloop.h"
 #include "tvhost/network.h"
 #include "tvhost/settings.h"
 #include "tvhost/tvhost.h"
-
-const char *const kWidgetApp = "PzKmRvTqXa.Lumora";
-const char *const kLanguageKey = "db/menu_widget/language";
 
 void LumoraManagerTestPeer::TearDown()
 {

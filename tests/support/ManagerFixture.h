@@ -8,13 +8,14 @@
 #include <functional>
 #include <memory>
 
+#include "tvhost/service.h"
 #include "EngineSim.h"
 #include "LogCapture.h"
 #include "LumoraManager.h"
 #include "tvhost/mainloop.h"
 
-extern const char *const kWidgetApp;
-extern const char *const kLanguageKey;
+using tvhost::service::kLanguageKey;
+using tvhost::service::kWidgetApp;
 
 class LumoraManagerTestPeer {
 public:

@@ -14,30 +14,6 @@ namespace noti = tvhost::notifications;
 
 namespace hosttv {
 
-const std::vector<EventKind> &EventKinds()
-{
-    static const std::vector<EventKind> kinds = {
-        {0, "registered-devices", "the registered devices: the service logs its air conditioners"},
-        {1, "new-devices",
-         "new devices: a pop-up \"New home appliance detected\"; while the widget is not running its second button "
-         "(No) is the one that opens it"},
-        {5, "alarm",
-         "a device's notification: a pop-up titled with the device's name; \"Go to Lumora\" opens the "
-         "widget for the device"},
-        {12290, "master-keys", "the master keys: the service logs them"},
-        {12291, "power-off", "the TV is switched off, whatever the text (the host TV's service then ends)"},
-    };
-    return kinds;
-}
-
-const EventKind *FindEventKind(int number)
-{
-    for (const EventKind &kind : EventKinds())
-        if (kind.number == number)
-            return &kind;
-    return nullptr;
-}
-
 std::string EventSample(const std::string &name)
 {
     if (name.empty() || name.find('/') != std::string::npos)
@@ -75,8 +51,9 @@ EventOutcome SendEvent(int number, const std::string &param, std::chrono::millis
     outcome.answer = RaiseEvent(number, param, answerWait);
     // The service handles an event before it answers; the wait covers a
     // screen or a power record that another thread writes a moment later.
-    const bool bShows = number == 1 || number == 5;
-    const bool bSwitchesOff = number == 12291;
+    const EventKind *kind = FindEventKind(number);
+    const bool bShows = kind && kind->bPopup;
+    const bool bSwitchesOff = kind && kind->bPowerOff;
     const auto deadline = std::chrono::steady_clock::now() + wait;
     for (;;) {
         if (!bWasOff && PowerState().bOff)

@@ -17,6 +17,7 @@
 #include "proc/process.h"
 #include "tvhost/apps.h"
 #include "tvhost/notifications.h"
+#include "tvhost/service.h"
 
 namespace hosttv {
 
@@ -50,11 +51,11 @@ private:
     std::string m_subject;
 };
 
-extern const char kWidgetApp[];     // the companion widget
-extern const char kLanguageKey[];   // the TV's display language
-extern const char kAppChangeKey[];  // bumped whenever an application is installed or removed
-extern const char kFreshLanguage[]; // the language of a fresh host TV
-extern const char kNotRunning[];    // the text of the Error when no service runs
+using tvhost::service::kAppChangeKey; // bumped whenever an application is installed or removed
+using tvhost::service::kLanguageKey;  // the TV's display language
+using tvhost::service::kWidgetApp;    // the companion widget
+extern const char kFreshLanguage[];   // the language of a fresh host TV
+extern const char kNotRunning[];      // the text of the Error when no service runs
 
 // Reads a whole decimal number given for what (e.g. "ITEM"); a bad request otherwise.
 int ReadNumber(const std::string &text, const std::string &what);
@@ -234,15 +235,14 @@ constexpr std::chrono::seconds kEventAnswerWait{10};
 // answerWait for the service's answer, which it returns.
 int RaiseEvent(int number, const std::string &param, std::chrono::seconds answerWait = kEventAnswerWait);
 
-// The events the service acts on, with a sample text shipped in the TV root.
-struct EventKind {
-    int number;
-    const char *sample; // name of the sample text (without .xml)
-    const char *what;   // what the service does with it, for a person
-};
-const std::vector<EventKind> &EventKinds();
-// The kind of event number; nullptr when the service ignores it.
-const EventKind *FindEventKind(int number);
+// The events the service acts on, each with a sample text shipped in the TV
+// root and what it makes the service do.
+using tvhost::service::EventKind;
+using tvhost::service::FindEventKind;
+inline const auto &EventKinds()
+{
+    return tvhost::service::kEventKinds;
+}
 // The path of the shipped sample text called name (with or without .xml);
 // empty when there is none.
 std::string EventSample(const std::string &name);

@@ -28,9 +28,6 @@ namespace fs = std::filesystem;
 
 namespace hosttv {
 
-const char kWidgetApp[] = "PzKmRvTqXa.Lumora";
-const char kLanguageKey[] = "db/menu_widget/language";
-const char kAppChangeKey[] = "memory/was/app_change";
 const char kFreshLanguage[] = "en_US.UTF-8";
 const char kDefaultScenario[] = "quiet";
 const char kNotRunning[] = "the service is not running on this host TV";
