@@ -7,6 +7,7 @@
 #include <libxml/parser.h>
 #include <map>
 
+#include "tvhost/parse.h"
 #include "tvlog/tvlog.h"
 
 namespace tvlog {
@@ -48,6 +49,16 @@ bool StartsWith(const std::string &s, const char *prefix)
 bool Contains(const std::string &s, const char *part)
 {
     return s.find(part) != std::string::npos;
+}
+
+// The number at the start of a logged text ("3, ..."); 0 when there is none.
+int LeadingInt(const std::string &text)
+{
+    size_t n = text.compare(0, 1, "-") == 0 ? 1 : 0;
+    while (n < text.size() && n < 12 && text[n] >= '0' && text[n] <= '9')
+        ++n;
+    int value = 0;
+    return tvhost::ParseInt(std::string_view(text).substr(0, n), value) ? value : 0;
 }
 
 std::string Unescape(const std::string &s)
@@ -100,8 +111,8 @@ bool WellFormed(const std::string &text)
 {
     if (text.empty())
         return true;
-    xmlDocPtr doc = xmlReadMemory(text.data(), static_cast<int>(text.size()), nullptr, nullptr,
-                                  XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+    std::string why;
+    xmlDocPtr doc = ParseUntrusted(text, why);
     if (!doc)
         return false;
     xmlFreeDoc(doc);
@@ -232,7 +243,12 @@ struct Planner::Impl {
         Step &s = Append(StepKind::kEvent, r);
         std::string rest = message.substr(std::strlen(kEventEntry));
         size_t p1 = rest.find(kParam1);
-        s.event = std::atoi(rest.substr(0, p1).c_str());
+        if (!tvhost::ParseInt(rest.substr(0, p1), s.event)) {
+            plan.notes.push_back("line " + std::to_string(r.line) + ": event number \"" + rest.substr(0, 20) +
+                                 "\" is not a whole number; left out");
+            plan.steps.pop_back();
+            return;
+        }
         if (p1 == std::string::npos) {
             s.bWellFormed = false;
         } else {
@@ -275,7 +291,7 @@ struct Planner::Impl {
         if (f == "m_OnNotificationButtonCallback" && StartsWith(m, kPress)) {
             Settle();
             Step &s = Append(StepKind::kPress, r);
-            s.item = std::atoi(m.c_str() + std::strlen(kPress));
+            s.item = LeadingInt(m.substr(std::strlen(kPress)));
             context = plan.steps.size() - 1;
         } else if (f == "m_CbWasAppChanged" || f == "t_Loop" || f == "m_WidgetCheckerPipeCB" ||
                    f == "m_CbSystemLanguageChanged" || f == "m_ConnectionTypeChangedCB") {
@@ -302,7 +318,7 @@ struct Planner::Impl {
                 Append(StepKind::kLanguage, r).value = value;
             language = value;
         } else if (StartsWith(m, kNetwork)) {
-            int type = std::atoi(m.c_str() + std::strlen(kNetwork));
+            int type = LeadingInt(m.substr(std::strlen(kNetwork)));
             const char *name = type == 1 ? "wifi" : type == 3 ? "ethernet" : type == 0 ? "none" : nullptr;
             if (!name) {
                 plan.notes.push_back("line " + std::to_string(r.line) + ": network type " + std::to_string(type) +

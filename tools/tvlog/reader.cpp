@@ -1,8 +1,13 @@
 // The reader: one line at a time through zlib (which reads plain files as they
 // are), records in the three forms of the platform log, continuation lines.
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <map>
 #include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
 #include <zlib.h>
 
 #include "tvlog/tvlog.h"
@@ -165,12 +170,99 @@ bool ParseLine(std::string_view line, Record &record)
     return false;
 }
 
-Reader::Reader(const std::string &path) : m_path(path), m_buffer(kChunk)
+namespace {
+
+void (*g_progress)(uint64_t) = nullptr;
+
+// The copies of pipes read so far, removed when the process ends.
+struct Copies {
+    std::map<std::string, std::string> byName;
+    ~Copies()
+    {
+        for (const auto &c : byName)
+            unlink(c.second.c_str());
+    }
+};
+Copies g_copies;
+
+std::string CopyPipe(const std::string &path, int fd)
+{
+    const char *tmp = std::getenv("TMPDIR");
+    std::string name = std::string(tmp && *tmp ? tmp : "/tmp") + "/lumora-tv-input-XXXXXX";
+    const int out = mkstemp(name.data());
+    if (out < 0)
+        throw Error("cannot keep what " + path + " gives: " + std::strerror(errno));
+    g_copies.byName[path] = name;
+    std::vector<char> buffer(1 << 16);
+    size_t total = 0;
+    for (;;) {
+        const ssize_t n = read(fd, buffer.data(), buffer.size());
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            throw Error("cannot read " + path + ": " + std::strerror(errno));
+        if (n == 0)
+            break;
+        total += static_cast<size_t>(n);
+        if (total > kMaxPiped)
+            throw Error(path + " gives more than " + std::to_string(kMaxPiped >> 20) +
+                        " MiB; save it to a file and give that");
+        if (write(out, buffer.data(), static_cast<size_t>(n)) != n)
+            throw Error("cannot keep what " + path + " gives: " + std::strerror(errno));
+        if (g_progress && total % (size_t{16} << 20) < static_cast<size_t>(n))
+            g_progress(total);
+    }
+    close(out);
+    return name;
+}
+
+} // namespace
+
+void SetProgress(void (*progress)(uint64_t bytes))
+{
+    g_progress = progress;
+}
+
+bool IsPipe(const std::string &path)
 {
     struct stat st;
-    if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+    return path == "-" || (stat(path.c_str(), &st) == 0 && S_ISFIFO(st.st_mode));
+}
+
+std::string LocalFile(const std::string &path)
+{
+    const auto copied = g_copies.byName.find(path);
+    if (copied != g_copies.byName.end())
+        return copied->second;
+    if (path == "-")
+        return CopyPipe("the standard input", 0);
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0)
+        throw Error("cannot read " + path + ": " + std::strerror(errno));
+    if (S_ISDIR(st.st_mode))
         throw Error("cannot read " + path + ": it is a directory");
-    m_file = gzopen(path.c_str(), "rb");
+    if (S_ISREG(st.st_mode))
+        return path;
+    if (!S_ISFIFO(st.st_mode))
+        throw Error("cannot read " + path +
+                    ": not a file nor a pipe (a device or a socket); give a log file, or - "
+                    "for the standard input");
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        throw Error("cannot read " + path + ": " + std::strerror(errno));
+    try {
+        std::string copy = CopyPipe(path, fd);
+        close(fd);
+        return copy;
+    } catch (...) {
+        close(fd);
+        throw;
+    }
+}
+
+Reader::Reader(const std::string &path) : m_path(path == "-" ? "the standard input" : path), m_buffer(kChunk)
+{
+    m_file = gzopen(LocalFile(path).c_str(), "rb");
     if (!m_file)
         throw Error("cannot read " + path + ": " + std::strerror(errno ? errno : ENOENT));
     gzbuffer(m_file, kChunk);
@@ -205,6 +297,13 @@ bool Reader::ReadLine(std::string &line)
             }
             m_pos = 0;
             m_end = static_cast<size_t>(n);
+            m_nBytes += m_end;
+            if (!m_bServiceSeen && m_nBytes > kMaxBeforeService)
+                throw Error(m_path + ": no line of the service (tag " + std::string(kServiceTag) + ") in its first " +
+                            std::to_string(kMaxBeforeService >> 20) + " MiB (" + std::to_string(m_nLine) +
+                            " lines); this is not a log of the service");
+            if (g_progress && m_nBytes % (uint64_t{16} << 20) < m_end)
+                g_progress(m_nBytes);
         }
         const char *begin = m_buffer.data() + m_pos;
         const void *nl = std::memchr(begin, '\n', m_end - m_pos);
@@ -247,6 +346,7 @@ bool Reader::Next(Record &record)
             continue;
         }
         parsed.line = m_nLine;
+        m_bServiceSeen = m_bServiceSeen || parsed.tag == kServiceTag;
         if (parsed.ms) {
             // The month-day clock starts again at the new year; small steps
             // back are threads writing out of order.
