@@ -185,35 +185,38 @@ struct Copies {
 };
 Copies g_copies;
 
-std::string CopyPipe(const std::string &path, int fd)
+// name: the path given, the key of its copy; path: for messages.
+std::string CopyPipe(const std::string &name, const std::string &path, int fd)
 {
     const char *tmp = std::getenv("TMPDIR");
-    std::string name = std::string(tmp && *tmp ? tmp : "/tmp") + "/lumora-tv-input-XXXXXX";
-    const int out = mkstemp(name.data());
+    std::string copy = std::string(tmp && *tmp ? tmp : "/tmp") + "/lumora-tv-input-XXXXXX";
+    const int out = mkstemp(copy.data());
     if (out < 0)
         throw Error("cannot keep what " + path + " gives: " + std::strerror(errno));
-    g_copies.byName[path] = name;
+    g_copies.byName[name] = copy;
     std::vector<char> buffer(1 << 16);
     size_t total = 0;
+    std::string problem;
     for (;;) {
         const ssize_t n = read(fd, buffer.data(), buffer.size());
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0)
-            throw Error("cannot read " + path + ": " + std::strerror(errno));
-        if (n == 0)
+            problem = "cannot read " + path + ": " + std::strerror(errno);
+        else if ((total += static_cast<size_t>(n)) > kMaxPiped)
+            problem =
+                path + " gives more than " + std::to_string(kMaxPiped >> 20) + " MiB; save it to a file and give that";
+        else if (n > 0 && write(out, buffer.data(), static_cast<size_t>(n)) != n)
+            problem = "cannot keep what " + path + " gives: " + std::strerror(errno);
+        if (n <= 0 || !problem.empty())
             break;
-        total += static_cast<size_t>(n);
-        if (total > kMaxPiped)
-            throw Error(path + " gives more than " + std::to_string(kMaxPiped >> 20) +
-                        " MiB; save it to a file and give that");
-        if (write(out, buffer.data(), static_cast<size_t>(n)) != n)
-            throw Error("cannot keep what " + path + " gives: " + std::strerror(errno));
         if (g_progress && total % (size_t{16} << 20) < static_cast<size_t>(n))
             g_progress(total);
     }
     close(out);
-    return name;
+    if (!problem.empty())
+        throw Error(problem);
+    return copy;
 }
 
 } // namespace
@@ -235,7 +238,7 @@ std::string LocalFile(const std::string &path)
     if (copied != g_copies.byName.end())
         return copied->second;
     if (path == "-")
-        return CopyPipe("the standard input", 0);
+        return CopyPipe(path, "the standard input", 0);
     struct stat st;
     if (stat(path.c_str(), &st) != 0)
         throw Error("cannot read " + path + ": " + std::strerror(errno));
@@ -251,7 +254,7 @@ std::string LocalFile(const std::string &path)
     if (fd < 0)
         throw Error("cannot read " + path + ": " + std::strerror(errno));
     try {
-        std::string copy = CopyPipe(path, fd);
+        std::string copy = CopyPipe(path, path, fd);
         close(fd);
         return copy;
     } catch (...) {

@@ -589,6 +589,13 @@ struct Server::Impl {
             ReplyError(res, 400, "refused: a NUL byte in the path");
             return httplib::Server::HandlerResponse::Handled;
         }
+        // Refused before httplib reads it: it would read a body over the limit to drop it.
+        size_t length = 0;
+        if (req.has_header("Content-Length") &&
+            (!tvhost::ParseInt(req.get_header_value("Content-Length"), length) || length > options.maxBody)) {
+            ReplyError(res, 413, "request body over the limit of " + std::to_string(options.maxBody) + " bytes");
+            return httplib::Server::HandlerResponse::Handled;
+        }
         if (const char *allow = Allowed(req)) {
             res.set_header("Allow", allow);
             ReplyError(res, 405, "refused: " + req.method + " " + req.path + " takes " + allow);
