@@ -10,6 +10,7 @@
 #include <fstream>
 #include <libxml/parser.h>
 #include <sys/wait.h>
+#include <unistd.h>
 #include <zlib.h>
 
 #include "LumoraTv.h"
@@ -22,6 +23,17 @@ namespace {
 // declaration, 7.9 GB for event's /dev/zero).
 constexpr const char *kAddressSpace = "536870912";
 
+// This process's own folder for the files it makes (large ones among them).
+std::string Dir()
+{
+    static const std::string dir = [] {
+        const fs::path d = fs::temp_directory_path() / ("lumora-hostile-files-" + std::to_string(getpid()));
+        fs::create_directories(d);
+        return d.string() + "/";
+    }();
+    return dir;
+}
+
 struct LimitedRun {
     int status = -1;
     std::string out;
@@ -30,7 +42,7 @@ struct LimitedRun {
 // lumora-tv under the limit, standard input from input (a path), a guard of 600 s.
 LimitedRun LumoraTvLimited(const std::string &args, const std::string &input = "/dev/null")
 {
-    const std::string out = ::testing::TempDir() + "lumora-tv-hostile.out";
+    const std::string out = Dir() + "lumora-tv-hostile.out";
     const std::string command = "timeout 600 prlimit --as=" + std::string(kAddressSpace) + " " + LumoraTvBinary() +
                                 " " + args + " < " + input + " > " + out + " 2>&1";
     const int status = std::system(command.c_str());
@@ -39,7 +51,7 @@ LimitedRun LumoraTvLimited(const std::string &args, const std::string &input = "
 
 std::string Write(const std::string &name, const std::string &text)
 {
-    const std::string path = ::testing::TempDir() + name;
+    const std::string path = Dir() + name;
     std::ofstream(path, std::ios::binary) << text;
     return path;
 }
@@ -79,7 +91,7 @@ std::string Laughs()
 
 std::string EmptyLinesGz()
 {
-    const std::string path = ::testing::TempDir() + "empty-lines.log.gz";
+    const std::string path = Dir() + "empty-lines.log.gz";
     gzFile f = gzopen(path.c_str(), "wb9");
     const std::string lines(1 << 20, '\n');
     for (int i = 0; i < 512; ++i)
@@ -88,7 +100,29 @@ std::string EmptyLinesGz()
     return path;
 }
 
+// The sample log with the date of every line from its power-off on made
+// `date` (an empty date: only the power-off's line, with an impossible time).
+std::string SampleWithClock(const std::string &name, const std::string &date)
+{
+    std::string log = ReadFile(LUMORA_SOURCE_DIR "/tools/tvlog/samples/demo-threadtime.log");
+    const size_t from = log.rfind('\n', log.find("event type is 12291")) + 1;
+    if (date.empty())
+        log.replace(from, 18, "13-45 25:61:00.000");
+    for (size_t at = from; !date.empty() && at < log.size(); at = log.find('\n', at) + 1) {
+        log.replace(at, 5, date);
+        if (log.find('\n', at) == std::string::npos)
+            break;
+    }
+    return "scenario --out /dev/null --from-log " + Write(name, log);
+}
+
 const HostileFile kFiles[] = {
+    {"LogWithAnImpossibleTime", [] { return SampleWithClock("impossible.log", ""); }, "/dev/null", 0,
+     "a time no clock shows; kept"},
+    {"LogWithAGapOf20Days", [] { return SampleWithClock("gap.log", "12-15"); }, "/dev/null", 0,
+     "jumps 20 d ahead; the replay waits 60 s there instead"},
+    {"LogWithTheClockSetBack", [] { return SampleWithClock("back.log", "11-24"); }, "/dev/null", 0,
+     "the log's clock goes back"},
     {"ReplayFileWithNestedEntities",
      [] { return "scenario --from-log " + Write("laughs.xml", Replay(Laughs(), " event=\"5\">&a9;<x")); }, "/dev/null",
      1, "a document type or entity declaration"},
@@ -112,7 +146,10 @@ const HostileFile kFiles[] = {
      LUMORA_SOURCE_DIR "/tools/tvlog/samples/demo-threadtime.log", 0, "reading the standard input"},
 };
 
-class LumoraHostileFiles : public ::testing::TestWithParam<HostileFile> {};
+class LumoraHostileFiles : public ::testing::TestWithParam<HostileFile> {
+protected:
+    static void TearDownTestSuite() { fs::remove_all(Dir()); }
+};
 
 } // namespace
 
@@ -121,13 +158,17 @@ TEST_P(LumoraHostileFiles, RefusedWithWhyUnderAnAddressSpaceLimit)
     const HostileFile &f = GetParam();
     std::string input = f.input;
     if (input.empty()) {
-        input = ::testing::TempDir() + "65MiB.txt";
+        input = Dir() + "65MiB.txt";
         std::ofstream(input, std::ios::binary) << std::string(65 << 20, 'a');
     }
     const auto started = std::chrono::steady_clock::now();
     const LimitedRun r = LumoraTvLimited(f.args(), input);
     EXPECT_EQ(r.status, f.status) << r.out;
     EXPECT_NE(r.out.find(f.says), std::string::npos) << r.out;
+    // A log's changed clock drops no record: the sample's five outcomes, its power-off among them.
+    if (f.status == 0) {
+        EXPECT_NE(r.out.find(" 5 outcomes"), std::string::npos) << r.out;
+    }
     std::printf(
         "%s: %lld ms\n", f.name,
         static_cast<long long>(

@@ -51,6 +51,22 @@ bool Contains(const std::string &s, const char *part)
     return s.find(part) != std::string::npos;
 }
 
+// The longest wait between two steps of a replay; a longer gap in the log
+// (a TV left on for days) is noted and shortened to it.
+constexpr int64_t kMaxWaitMs = 60000;
+
+// "20 d", "3 h", "90 s", "1500 ms".
+std::string Duration(int64_t ms)
+{
+    if (ms >= 2 * 86400000LL)
+        return std::to_string(ms / 86400000) + " d";
+    if (ms >= 2 * 3600000LL)
+        return std::to_string(ms / 3600000) + " h";
+    if (ms >= 2000)
+        return std::to_string(ms / 1000) + " s";
+    return std::to_string(ms) + " ms";
+}
+
 // The number at the start of a logged text ("3, ..."); 0 when there is none.
 int LeadingInt(const std::string &text)
 {
@@ -277,6 +293,9 @@ struct Planner::Impl {
             throw Error("line " + std::to_string(r.line) + " of the service is not valid UTF-8; the log is damaged");
         if (r.ms)
             plan.bTimed = true;
+        if (r.bBadTime)
+            plan.notes.push_back("line " + std::to_string(r.line) +
+                                 ": a time no clock shows; kept, at the time of the line before it");
         Line l;
         if (!SplitPrefix(r.text, l))
             return;
@@ -366,12 +385,33 @@ struct Planner::Impl {
         // Times after the engine start; without times, gapMs between steps.
         size_t first = std::min(firstAfterStart, plan.steps.size());
         int64_t base = engineStartMs.value_or(plan.steps.empty() ? 0 : plan.steps[0].ms);
+        int64_t shift = 0;           // taken off by the long gaps so far
+        int64_t latest = base;       // the log's latest time up to the step before
+        std::optional<int64_t> prev; // the log's time of the step before
+        size_t prevLine = 0;
         for (size_t i = 0; i < plan.steps.size(); ++i) {
             Step &s = plan.steps[i];
-            if (!plan.bTimed)
+            if (!plan.bTimed) {
                 s.ms = i < first ? 0 : static_cast<int64_t>(i - first + 1) * gapMs;
-            else
-                s.ms -= base;
+                continue;
+            }
+            const int64_t logged = s.ms;
+            // Threads write a little out of order; more than a second back is the clock set back.
+            if (prev && logged < *prev - 1000)
+                plan.notes.push_back("line " + std::to_string(s.line) + ": the log's clock goes back " +
+                                     Duration(*prev - logged) + " from line " + std::to_string(prevLine) +
+                                     "; replayed in the log's order, at once");
+            if (i >= first && logged - latest > kMaxWaitMs) {
+                plan.notes.push_back("line " + std::to_string(s.line) + ": the log's clock jumps " +
+                                     Duration(logged - latest) + " ahead; the replay waits " + Duration(kMaxWaitMs) +
+                                     " there instead");
+                shift += logged - latest - kMaxWaitMs;
+            }
+            s.ms = logged - base - shift;
+            if (i >= first)
+                latest = std::max(latest, logged);
+            prev = logged;
+            prevLine = s.line;
         }
         return std::move(plan);
     }

@@ -39,17 +39,22 @@ bool Digits(std::string_view s, size_t at, size_t n, int &value)
     return true;
 }
 
-// "MM-DD hh:mm:ss.mmm" at the start of s.
-bool ParseStamp(std::string_view s, int64_t &ms)
+// "MM-DD hh:mm:ss.mmm" at the start of s; bBad: it has the form but no
+// clock shows such a time.
+bool ParseStamp(std::string_view s, int64_t &ms, bool &bBad)
 {
+    bBad = false;
     int mon, day, h, m, sec, milli;
     if (s.size() < 18 || s[2] != '-' || s[5] != ' ' || s[8] != ':' || s[11] != ':' || s[14] != '.')
         return false;
     if (!Digits(s, 0, 2, mon) || !Digits(s, 3, 2, day) || !Digits(s, 6, 2, h) || !Digits(s, 9, 2, m) ||
         !Digits(s, 12, 2, sec) || !Digits(s, 15, 3, milli))
         return false;
-    if (mon < 1 || mon > 12 || day < 1 || day > 31 || h > 23 || m > 59 || sec > 60)
-        return false;
+    if (mon < 1 || mon > 12 || day < 1 || day > 31 || h > 23 || m > 59 || sec > 60) {
+        bBad = true;
+        ms = 0;
+        return true;
+    }
     ms = (kMonthStart[mon - 1] + day - 1) * kDayMs + ((h * 60 + m) * 60 + sec) * int64_t{1000} + milli;
     return true;
 }
@@ -148,7 +153,9 @@ const char *FormName(Form form)
 bool ParseLine(std::string_view line, Record &record)
 {
     int64_t ms = 0;
-    if (ParseStamp(line, ms)) {
+    bool bBad = false;
+    if (ParseStamp(line, ms, bBad)) {
+        record.bBadTime = bBad;
         std::string_view rest = line.substr(18);
         if (rest.size() > 1 && rest[0] == ' ' && ParseBrief(rest.substr(1), record)) {
             record.form = Form::kTime;
@@ -163,6 +170,7 @@ bool ParseLine(std::string_view line, Record &record)
         return false;
     }
     if (ParseBrief(line, record)) {
+        record.bBadTime = false;
         record.form = Form::kBrief;
         record.ms.reset();
         return true;
@@ -350,7 +358,11 @@ bool Reader::Next(Record &record)
         }
         parsed.line = m_nLine;
         m_bServiceSeen = m_bServiceSeen || parsed.tag == kServiceTag;
-        if (parsed.ms) {
+        if (parsed.bBadTime) {
+            // Kept, at the time of the record before it: a line that starts
+            // a record never becomes another's continuation.
+            parsed.ms = m_lastMs.value_or(0);
+        } else if (parsed.ms) {
             // The month-day clock starts again at the new year; small steps
             // back are threads writing out of order.
             if (m_lastMs && *parsed.ms + m_yearOffset < *m_lastMs - 30 * kDayMs)

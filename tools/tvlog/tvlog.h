@@ -60,6 +60,7 @@ struct Record {
     int pid = 0;
     int tid = 0;               // threadtime only
     std::optional<int64_t> ms; // time and threadtime: since the log's first new year
+    bool bBadTime = false;     // its time cannot be (13-45 25:61:00.000): ms is the record's before
     std::string text;          // continuation lines joined with '\n'
 };
 
