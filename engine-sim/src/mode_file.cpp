@@ -457,9 +457,10 @@ Mode LoadMode(const std::string &strPath, const std::function<void(const std::st
         report(strPath + ": cannot read (" + strerror(errno) + "); empty home, no scenario");
         return mode;
     }
-    std::string strText(kMaxFile + 1, '\0');
-    in.read(strText.data(), static_cast<std::streamsize>(strText.size()));
-    strText.resize(static_cast<size_t>(std::max<std::streamsize>(in.gcount(), 0)));
+    std::string strText;
+    char chunk[1 << 16];
+    while (strText.size() <= kMaxFile && (in.read(chunk, sizeof chunk) || in.gcount() > 0))
+        strText.append(chunk, static_cast<size_t>(in.gcount()));
     if (strText.size() > kMaxFile) {
         report(strPath + ": larger than " + std::to_string(kMaxFile >> 20) + " MiB; empty home, no scenario");
         return mode;

@@ -78,9 +78,10 @@ std::string Now()
 std::string ReadWhole(const std::string &path, size_t max)
 {
     std::ifstream in(path, std::ios::binary);
-    std::string text(max + 1, '\0');
-    in.read(text.data(), static_cast<std::streamsize>(text.size()));
-    text.resize(static_cast<size_t>(std::max<std::streamsize>(in.gcount(), 0)));
+    std::string text;
+    char chunk[1 << 16];
+    while (text.size() <= max && (in.read(chunk, sizeof chunk) || in.gcount() > 0))
+        text.append(chunk, static_cast<size_t>(in.gcount()));
     return text.size() > max ? std::string() : text;
 }
 
