@@ -260,7 +260,12 @@ struct Planner::Impl {
         std::string rest = message.substr(std::strlen(kEventEntry));
         size_t p1 = rest.find(kParam1);
         if (!tvhost::ParseInt(rest.substr(0, p1), s.event)) {
-            plan.notes.push_back("line " + std::to_string(r.line) + ": event number \"" + rest.substr(0, 20) +
+            // The note is printed: only printable ASCII of the log's text goes into it.
+            std::string number = rest.substr(0, std::min<size_t>(p1, 20));
+            for (char &c : number)
+                if (c < 0x20 || c > 0x7E)
+                    c = '?';
+            plan.notes.push_back("line " + std::to_string(r.line) + ": event number \"" + number +
                                  "\" is not a whole number; left out");
             plan.steps.pop_back();
             return;
