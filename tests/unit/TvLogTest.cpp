@@ -117,12 +117,16 @@ TEST(TvLogReader, ReadsEachFormAndRefusesWhatIsNoRecord)
         EXPECT_EQ(r.ms.value_or(-1), c.ms) << c.line;
         EXPECT_EQ(r.text, c.text) << c.line;
     }
-    for (const char *line :
-         {"X/LUMORA( 1): bad level", "D/LUMORA(pid): no number", "13-01 01:00:02.003 D/LUMORA(1): month 13",
-          "03-01 01:00:02.003  1234 D LUMORA: no tid", "<Device id=\"a\">continued</Device>", ""}) {
+    for (const char *line : {"X/LUMORA( 1): bad level", "D/LUMORA(pid): no number",
+                             "03-01 01:00:02.003  1234 D LUMORA: no tid", "<Device id=\"a\">continued</Device>", ""}) {
         tvlog::Record r;
         EXPECT_FALSE(tvlog::ParseLine(line, r)) << line;
     }
+    // A time no clock shows still starts a record: marked, not taken for a continuation.
+    tvlog::Record bad;
+    ASSERT_TRUE(tvlog::ParseLine("13-01 01:00:02.003 D/LUMORA(1): month 13", bad));
+    EXPECT_TRUE(bad.bBadTime);
+    EXPECT_EQ(bad.text, "month 13");
 }
 
 TEST(TvLogReader, JoinsContinuationLinesRollsOverTheYearAndReadsGzip)

@@ -5,13 +5,17 @@ demo (played at half speed for room on a busy machine) shows a new-device
 pop-up, a device pop-up, another device pop-up, then switches the TV off. The
 page must show each pop-up with its buttons, press "Go to Lumora" through the
 service, switch the language so that the next pop-up speaks Korean, and show
-a device name holding markup as text.
+a device name holding markup as text, and a device name with a bidirectional
+control and a long body as the TV's drawing cuts them. A ninth page, over the
+server's cap, says why and goes live when a place frees; at 800 px wide the
+engineer's panel fits (a second screenshot, SCREENSHOT with -800 before .png).
 
 usage: browser_test.py LUMORA_TV SCREENSHOT CHROMEDRIVER
 """
 import os
 import re
 import signal
+import socket
 import subprocess
 import sys
 import time
@@ -32,6 +36,23 @@ HOSTILE_EVENT = (
     '<Action type="Widget">Open</Action><DisplayOption flag="On" condition="Always"/>'
     "</DeviceNotification>"
 )
+LONG_EVENT = (
+    '<DeviceNotification id="n-y" type="Alarm">'
+    '<Device id="ac-y" type="Air Conditioner">\u202eeliveD</Device>'
+    "<Notification>" + "word " * 50000 + "</Notification>"
+    '<Action type="Widget">Open</Action><DisplayOption flag="On" condition="Always"/>'
+    "</DeviceNotification>"
+)
+
+
+def open_stream(port):
+    """An event stream on a plain socket: the socket, or None when refused."""
+    s = socket.create_connection(("127.0.0.1", port), timeout=WAIT)
+    s.sendall(f"GET /api/events HTTP/1.1\r\nHost: 127.0.0.1:{port}\r\n\r\n".encode())
+    if s.recv(12).endswith(b" 200"):
+        return s
+    s.close()
+    return None
 
 
 def lumora_tv(*args):
@@ -100,6 +121,12 @@ def main():
                               "document.getElementById('event-text').value = arguments[0];", HOSTILE_EVENT)
         driver.find_element(By.ID, "event-send").click()
         hostile = wait_for_popup(driver, HOSTILE_NAME)
+        driver.execute_script("document.getElementById('event-text').value = arguments[0];", LONG_EVENT)
+        driver.find_element(By.ID, "event-send").click()
+        long = wait_for_popup(driver, "eliveD")
+        body_lines = long["body"].split("\n")
+        assert len(body_lines) == 16 and body_lines[-1].endswith("\u2026"), long["body"][:200]
+        assert max(len(line) for line in body_lines) <= 64, body_lines
         assert hostile["body"] == "<b>not bold</b>", hostile
         assert driver.execute_script("return window.__pwned") is None, "the device name ran as markup"
         assert not driver.execute_script(
@@ -126,6 +153,25 @@ def main():
         driver.save_screenshot(SCREENSHOT)
 
         wait_for(driver, "the TV switched off by the engine", lambda d: text_of(d, "power").startswith("switched off"))
+
+        # This page and seven more open: a ninth says why it waits, and goes live when one closes.
+        port = int(url.group(1).rsplit(":", 1)[1].strip("/"))
+        streams = [open_stream(port) for _ in range(7)]
+        assert all(streams), "the server refused a page below its cap"
+        driver.switch_to.new_window("tab")
+        driver.get(url.group(1))
+        wait_for(driver, "the refused page says why", lambda d: "at most 8 pages" in text_of(d, "message"))
+        streams.pop().close()
+        wait_for(driver, "the page live once a place freed", lambda d: text_of(d, "link") == "live")
+        for stream in streams:
+            stream.close()
+
+        # 800 px wide: nothing of the panel is cut off.
+        driver.set_window_size(800, 1250)
+        width = driver.execute_script("return [document.documentElement.scrollWidth, window.innerWidth,"
+                                      " document.getElementById('panel').getBoundingClientRect().right]")
+        driver.save_screenshot(SCREENSHOT.replace(".png", "-800.png"))
+        assert width[0] <= width[1] and width[2] <= width[1], f"at 800 px the page is {width}"
         web.send_signal(signal.SIGINT)
         assert web.wait(timeout=WAIT) == 130, open(log_path).read()
         print(f"ok: screenshot in {SCREENSHOT}")

@@ -1,4 +1,5 @@
 // event.
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -8,6 +9,7 @@
 #include <iterator>
 
 #include "commands.h"
+#include "tvhost/log.h"
 #include "tvhost/parse.h"
 
 namespace lumoratv {
@@ -24,11 +26,29 @@ std::string SampleNames()
     return Join(names, ", ");
 }
 
+// The longest text the simulated engine takes (its injection socket's limit).
+constexpr size_t kMaxText = size_t{64} << 20;
+
+// At most kMaxText bytes of in; more is refused before it is all read.
+std::string ReadBounded(std::istream &in, const std::string &source)
+{
+    std::string text;
+    char chunk[1 << 16];
+    while (in.read(chunk, sizeof chunk) || in.gcount() > 0) {
+        text.append(chunk, static_cast<size_t>(in.gcount()));
+        if (text.size() > kMaxText)
+            throw hosttv::Error(hosttv::Error::Kind::kCannot,
+                                source + " holds more than " + std::to_string(kMaxText >> 20) +
+                                    " MiB, more than the engine takes for one event; give a shorter text");
+    }
+    return text;
+}
+
 // The text of FILE, a shipped sample or standard input.
 std::string ReadText(const std::string &source)
 {
     if (source == "-")
-        return std::string(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+        return ReadBounded(std::cin, "the standard input");
     std::string path = source;
     std::error_code ec;
     if (!fs::exists(path, ec)) {
@@ -41,10 +61,17 @@ std::string ReadText(const std::string &source)
     }
     if (fs::is_directory(path, ec))
         throw hosttv::Error(hosttv::Error::Kind::kCannot, source + " is a directory; give a file of the event's text");
+    if (fs::is_fifo(path, ec))
+        std::fprintf(stderr, "lumora-tv: reading the pipe %s until its writer ends it (Ctrl-C to give up)\n",
+                     source.c_str());
+    else if (!fs::is_regular_file(path, ec))
+        throw hosttv::Error(hosttv::Error::Kind::kCannot,
+                            source + " is not a file nor a pipe (a device or a socket); give a file of the event's "
+                                     "text, or - for the standard input");
     std::ifstream in(path, std::ios::binary);
     if (!in)
         throw hosttv::Error(hosttv::Error::Kind::kCannot, "cannot read " + source + ": " + std::strerror(errno));
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return ReadBounded(in, source);
 }
 
 bool IsUtf8(const std::string &text)
@@ -74,9 +101,9 @@ std::string Summary(const tvhost::notifications::Record &r)
     for (int i = 0; i < r.buttonCount && i < 3; ++i)
         out += " [ " + r.buttonLabel[i].value_or("") + " ]";
     for (char &c : out)
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
+        if (c == '\t' || c == '\n' || c == '\r')
             c = ' ';
-    return out;
+    return tvhost::log::ForTerminal(out);
 }
 
 } // namespace

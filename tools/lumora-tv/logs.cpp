@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "commands.h"
+#include "tvhost/log.h"
 
 namespace lumoratv {
 
@@ -76,11 +77,13 @@ void Print(const hosttv::LogLine &line)
     std::string head = line.stamp + " " + line.level + " " + line.tag + ": ";
     std::string out = head;
     const std::string indent(head.size(), ' ');
-    for (char c : line.text) {
-        out += c;
-        if (c == '\n')
-            out += indent;
-    }
+    // Escaped as the log escapes a terminal's text; its line marks become the indent.
+    const std::string text = tvhost::log::ForTerminal(line.text);
+    const std::string mark = "\n    | ";
+    size_t from = 0;
+    for (size_t at; (at = text.find(mark, from)) != std::string::npos; from = at + mark.size())
+        out += text.substr(from, at - from) + "\n" + indent;
+    out += text.substr(from);
     std::printf("%s\n", out.c_str());
 }
 

@@ -2,26 +2,28 @@
 #include <cstdio>
 
 #include "commands.h"
+#include "tvhost/log.h"
 
 namespace lumoratv {
 
 namespace {
 
-// Tabs and line breaks would break the one-line form.
+// Tabs and line breaks would break the one-line form; other controls are
+// escaped as the log escapes them.
 std::string OneLine(const std::optional<std::string> &text)
 {
     std::string out = text.value_or("");
     for (char &c : out)
         if (c == '\t' || c == '\n' || c == '\r')
             c = ' ';
-    return out;
+    return tvhost::log::ForTerminal(out);
 }
 
 std::string ExtraData(const tvhost::apps::Launch &launch)
 {
     std::vector<std::string> pairs;
     for (const auto &kv : launch.extraData)
-        pairs.push_back(kv.first + "=" + kv.second);
+        pairs.push_back(OneLine(kv.first) + "=" + OneLine(kv.second));
     return pairs.empty() ? "no extra data" : Join(pairs, " ");
 }
 
@@ -73,15 +75,15 @@ int Press(const Args &args)
     const hosttv::Press press = hosttv::PressButton(item, button);
     std::string which = "button " + std::to_string(button);
     if (press.label)
-        which = "[ " + *press.label + " ] (" + which + ")";
+        which = "[ " + OneLine(press.label) + " ] (" + which + ")";
     std::printf("pressed %s of pop-up #%d\n", which.c_str(), item);
     if (press.launches.empty())
         std::printf("the service launched nothing\n");
     for (const auto &l : press.launches) {
         if (l.result == 0)
-            std::printf("the service launched %s with %s\n", l.appId.c_str(), ExtraData(l).c_str());
+            std::printf("the service launched %s with %s\n", OneLine(l.appId).c_str(), ExtraData(l).c_str());
         else
-            std::printf("the service's launch request for %s with %s failed (result %d)\n", l.appId.c_str(),
+            std::printf("the service's launch request for %s with %s failed (result %d)\n", OneLine(l.appId).c_str(),
                         ExtraData(l).c_str(), l.result);
     }
     return kDone;

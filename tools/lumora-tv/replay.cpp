@@ -34,7 +34,7 @@ Options ReadOptions(const Args &args, const std::set<std::string> &allowed, bool
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string &a = args[i];
         if (!allowed.count(a)) {
-            if (!bFromLog && o.input.empty() && !a.empty() && a[0] != '-') {
+            if (!bFromLog && o.input.empty() && !a.empty() && (a[0] != '-' || a == "-")) {
                 o.input = a;
                 continue;
             }
@@ -63,6 +63,12 @@ Options ReadOptions(const Args &args, const std::set<std::string> &allowed, bool
     }
     if (bFromLog ? !bSawFromLog : o.input.empty())
         throw BadArguments{};
+    if (tvlog::IsPipe(o.input))
+        std::fprintf(stderr, "lumora-tv: reading %s until its writer ends it (Ctrl-C to give up)\n",
+                     o.input == "-" ? "the standard input" : o.input.c_str());
+    tvlog::SetProgress([](uint64_t bytes) {
+        std::fprintf(stderr, "lumora-tv: %llu MiB read\n", static_cast<unsigned long long>(bytes >> 20));
+    });
     return o;
 }
 

@@ -7,6 +7,7 @@
 #include <libxml/parser.h>
 #include <map>
 
+#include "tvhost/parse.h"
 #include "tvlog/tvlog.h"
 
 namespace tvlog {
@@ -48,6 +49,32 @@ bool StartsWith(const std::string &s, const char *prefix)
 bool Contains(const std::string &s, const char *part)
 {
     return s.find(part) != std::string::npos;
+}
+
+// The longest wait between two steps of a replay; a longer gap in the log
+// (a TV left on for days) is noted and shortened to it.
+constexpr int64_t kMaxWaitMs = 60000;
+
+// "20 d", "3 h", "90 s", "1500 ms".
+std::string Duration(int64_t ms)
+{
+    if (ms >= 2 * 86400000LL)
+        return std::to_string(ms / 86400000) + " d";
+    if (ms >= 2 * 3600000LL)
+        return std::to_string(ms / 3600000) + " h";
+    if (ms >= 2000)
+        return std::to_string(ms / 1000) + " s";
+    return std::to_string(ms) + " ms";
+}
+
+// The number at the start of a logged text ("3, ..."); 0 when there is none.
+int LeadingInt(const std::string &text)
+{
+    size_t n = text.compare(0, 1, "-") == 0 ? 1 : 0;
+    while (n < text.size() && n < 12 && text[n] >= '0' && text[n] <= '9')
+        ++n;
+    int value = 0;
+    return tvhost::ParseInt(std::string_view(text).substr(0, n), value) ? value : 0;
 }
 
 std::string Unescape(const std::string &s)
@@ -100,8 +127,8 @@ bool WellFormed(const std::string &text)
 {
     if (text.empty())
         return true;
-    xmlDocPtr doc = xmlReadMemory(text.data(), static_cast<int>(text.size()), nullptr, nullptr,
-                                  XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+    std::string why;
+    xmlDocPtr doc = ParseUntrusted(text, why);
     if (!doc)
         return false;
     xmlFreeDoc(doc);
@@ -232,7 +259,17 @@ struct Planner::Impl {
         Step &s = Append(StepKind::kEvent, r);
         std::string rest = message.substr(std::strlen(kEventEntry));
         size_t p1 = rest.find(kParam1);
-        s.event = std::atoi(rest.substr(0, p1).c_str());
+        if (!tvhost::ParseInt(rest.substr(0, p1), s.event)) {
+            // The note is printed: only printable ASCII of the log's text goes into it.
+            std::string number = rest.substr(0, std::min<size_t>(p1, 20));
+            for (char &c : number)
+                if (c < 0x20 || c > 0x7E)
+                    c = '?';
+            plan.notes.push_back("line " + std::to_string(r.line) + ": event number \"" + number +
+                                 "\" is not a whole number; left out");
+            plan.steps.pop_back();
+            return;
+        }
         if (p1 == std::string::npos) {
             s.bWellFormed = false;
         } else {
@@ -261,6 +298,9 @@ struct Planner::Impl {
             throw Error("line " + std::to_string(r.line) + " of the service is not valid UTF-8; the log is damaged");
         if (r.ms)
             plan.bTimed = true;
+        if (r.bBadTime)
+            plan.notes.push_back("line " + std::to_string(r.line) +
+                                 ": a time no clock shows; kept, at the time of the line before it");
         Line l;
         if (!SplitPrefix(r.text, l))
             return;
@@ -275,7 +315,7 @@ struct Planner::Impl {
         if (f == "m_OnNotificationButtonCallback" && StartsWith(m, kPress)) {
             Settle();
             Step &s = Append(StepKind::kPress, r);
-            s.item = std::atoi(m.c_str() + std::strlen(kPress));
+            s.item = LeadingInt(m.substr(std::strlen(kPress)));
             context = plan.steps.size() - 1;
         } else if (f == "m_CbWasAppChanged" || f == "t_Loop" || f == "m_WidgetCheckerPipeCB" ||
                    f == "m_CbSystemLanguageChanged" || f == "m_ConnectionTypeChangedCB") {
@@ -302,7 +342,7 @@ struct Planner::Impl {
                 Append(StepKind::kLanguage, r).value = value;
             language = value;
         } else if (StartsWith(m, kNetwork)) {
-            int type = std::atoi(m.c_str() + std::strlen(kNetwork));
+            int type = LeadingInt(m.substr(std::strlen(kNetwork)));
             const char *name = type == 1 ? "wifi" : type == 3 ? "ethernet" : type == 0 ? "none" : nullptr;
             if (!name) {
                 plan.notes.push_back("line " + std::to_string(r.line) + ": network type " + std::to_string(type) +
@@ -350,12 +390,33 @@ struct Planner::Impl {
         // Times after the engine start; without times, gapMs between steps.
         size_t first = std::min(firstAfterStart, plan.steps.size());
         int64_t base = engineStartMs.value_or(plan.steps.empty() ? 0 : plan.steps[0].ms);
+        int64_t shift = 0;           // taken off by the long gaps so far
+        int64_t latest = base;       // the log's latest time up to the step before
+        std::optional<int64_t> prev; // the log's time of the step before
+        size_t prevLine = 0;
         for (size_t i = 0; i < plan.steps.size(); ++i) {
             Step &s = plan.steps[i];
-            if (!plan.bTimed)
+            if (!plan.bTimed) {
                 s.ms = i < first ? 0 : static_cast<int64_t>(i - first + 1) * gapMs;
-            else
-                s.ms -= base;
+                continue;
+            }
+            const int64_t logged = s.ms;
+            // Threads write a little out of order; more than a second back is the clock set back.
+            if (prev && logged < *prev - 1000)
+                plan.notes.push_back("line " + std::to_string(s.line) + ": the log's clock goes back " +
+                                     Duration(*prev - logged) + " from line " + std::to_string(prevLine) +
+                                     "; replayed in the log's order, at once");
+            if (i >= first && logged - latest > kMaxWaitMs) {
+                plan.notes.push_back("line " + std::to_string(s.line) + ": the log's clock jumps " +
+                                     Duration(logged - latest) + " ahead; the replay waits " + Duration(kMaxWaitMs) +
+                                     " there instead");
+                shift += logged - latest - kMaxWaitMs;
+            }
+            s.ms = logged - base - shift;
+            if (i >= first)
+                latest = std::max(latest, logged);
+            prev = logged;
+            prevLine = s.line;
         }
         return std::move(plan);
     }

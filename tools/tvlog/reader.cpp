@@ -1,8 +1,13 @@
 // The reader: one line at a time through zlib (which reads plain files as they
 // are), records in the three forms of the platform log, continuation lines.
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <map>
 #include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
 #include <zlib.h>
 
 #include "tvlog/tvlog.h"
@@ -34,17 +39,22 @@ bool Digits(std::string_view s, size_t at, size_t n, int &value)
     return true;
 }
 
-// "MM-DD hh:mm:ss.mmm" at the start of s.
-bool ParseStamp(std::string_view s, int64_t &ms)
+// "MM-DD hh:mm:ss.mmm" at the start of s; bBad: it has the form but no
+// clock shows such a time.
+bool ParseStamp(std::string_view s, int64_t &ms, bool &bBad)
 {
+    bBad = false;
     int mon, day, h, m, sec, milli;
     if (s.size() < 18 || s[2] != '-' || s[5] != ' ' || s[8] != ':' || s[11] != ':' || s[14] != '.')
         return false;
     if (!Digits(s, 0, 2, mon) || !Digits(s, 3, 2, day) || !Digits(s, 6, 2, h) || !Digits(s, 9, 2, m) ||
         !Digits(s, 12, 2, sec) || !Digits(s, 15, 3, milli))
         return false;
-    if (mon < 1 || mon > 12 || day < 1 || day > 31 || h > 23 || m > 59 || sec > 60)
-        return false;
+    if (mon < 1 || mon > 12 || day < 1 || day > 31 || h > 23 || m > 59 || sec > 60) {
+        bBad = true;
+        ms = 0;
+        return true;
+    }
     ms = (kMonthStart[mon - 1] + day - 1) * kDayMs + ((h * 60 + m) * 60 + sec) * int64_t{1000} + milli;
     return true;
 }
@@ -143,7 +153,9 @@ const char *FormName(Form form)
 bool ParseLine(std::string_view line, Record &record)
 {
     int64_t ms = 0;
-    if (ParseStamp(line, ms)) {
+    bool bBad = false;
+    if (ParseStamp(line, ms, bBad)) {
+        record.bBadTime = bBad;
         std::string_view rest = line.substr(18);
         if (rest.size() > 1 && rest[0] == ' ' && ParseBrief(rest.substr(1), record)) {
             record.form = Form::kTime;
@@ -158,6 +170,7 @@ bool ParseLine(std::string_view line, Record &record)
         return false;
     }
     if (ParseBrief(line, record)) {
+        record.bBadTime = false;
         record.form = Form::kBrief;
         record.ms.reset();
         return true;
@@ -165,12 +178,102 @@ bool ParseLine(std::string_view line, Record &record)
     return false;
 }
 
-Reader::Reader(const std::string &path) : m_path(path), m_buffer(kChunk)
+namespace {
+
+void (*g_progress)(uint64_t) = nullptr;
+
+// The copies of pipes read so far, removed when the process ends.
+struct Copies {
+    std::map<std::string, std::string> byName;
+    ~Copies()
+    {
+        for (const auto &c : byName)
+            unlink(c.second.c_str());
+    }
+};
+Copies g_copies;
+
+// name: the path given, the key of its copy; path: for messages.
+std::string CopyPipe(const std::string &name, const std::string &path, int fd)
+{
+    const char *tmp = std::getenv("TMPDIR");
+    std::string copy = std::string(tmp && *tmp ? tmp : "/tmp") + "/lumora-tv-input-XXXXXX";
+    const int out = mkstemp(copy.data());
+    if (out < 0)
+        throw Error("cannot keep what " + path + " gives: " + std::strerror(errno));
+    g_copies.byName[name] = copy;
+    std::vector<char> buffer(1 << 16);
+    size_t total = 0;
+    std::string problem;
+    for (;;) {
+        const ssize_t n = read(fd, buffer.data(), buffer.size());
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            problem = "cannot read " + path + ": " + std::strerror(errno);
+        else if ((total += static_cast<size_t>(n)) > kMaxPiped)
+            problem =
+                path + " gives more than " + std::to_string(kMaxPiped >> 20) + " MiB; save it to a file and give that";
+        else if (n > 0 && write(out, buffer.data(), static_cast<size_t>(n)) != n)
+            problem = "cannot keep what " + path + " gives: " + std::strerror(errno);
+        if (n <= 0 || !problem.empty())
+            break;
+        if (g_progress && total % (size_t{16} << 20) < static_cast<size_t>(n))
+            g_progress(total);
+    }
+    close(out);
+    if (!problem.empty())
+        throw Error(problem);
+    return copy;
+}
+
+} // namespace
+
+void SetProgress(void (*progress)(uint64_t bytes))
+{
+    g_progress = progress;
+}
+
+bool IsPipe(const std::string &path)
 {
     struct stat st;
-    if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+    return path == "-" || (stat(path.c_str(), &st) == 0 && S_ISFIFO(st.st_mode));
+}
+
+std::string LocalFile(const std::string &path)
+{
+    const auto copied = g_copies.byName.find(path);
+    if (copied != g_copies.byName.end())
+        return copied->second;
+    if (path == "-")
+        return CopyPipe(path, "the standard input", 0);
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0)
+        throw Error("cannot read " + path + ": " + std::strerror(errno));
+    if (S_ISDIR(st.st_mode))
         throw Error("cannot read " + path + ": it is a directory");
-    m_file = gzopen(path.c_str(), "rb");
+    if (S_ISREG(st.st_mode))
+        return path;
+    if (!S_ISFIFO(st.st_mode))
+        throw Error("cannot read " + path +
+                    ": not a file nor a pipe (a device or a socket); give a log file, or - "
+                    "for the standard input");
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        throw Error("cannot read " + path + ": " + std::strerror(errno));
+    try {
+        std::string copy = CopyPipe(path, path, fd);
+        close(fd);
+        return copy;
+    } catch (...) {
+        close(fd);
+        throw;
+    }
+}
+
+Reader::Reader(const std::string &path) : m_path(path == "-" ? "the standard input" : path), m_buffer(kChunk)
+{
+    m_file = gzopen(LocalFile(path).c_str(), "rb");
     if (!m_file)
         throw Error("cannot read " + path + ": " + std::strerror(errno ? errno : ENOENT));
     gzbuffer(m_file, kChunk);
@@ -205,6 +308,13 @@ bool Reader::ReadLine(std::string &line)
             }
             m_pos = 0;
             m_end = static_cast<size_t>(n);
+            m_nBytes += m_end;
+            if (!m_bServiceSeen && m_nBytes > kMaxBeforeService)
+                throw Error(m_path + ": no line of the service (tag " + std::string(kServiceTag) + ") in its first " +
+                            std::to_string(kMaxBeforeService >> 20) + " MiB (" + std::to_string(m_nLine) +
+                            " lines); this is not a log of the service");
+            if (g_progress && m_nBytes % (uint64_t{16} << 20) < m_end)
+                g_progress(m_nBytes);
         }
         const char *begin = m_buffer.data() + m_pos;
         const void *nl = std::memchr(begin, '\n', m_end - m_pos);
@@ -247,7 +357,12 @@ bool Reader::Next(Record &record)
             continue;
         }
         parsed.line = m_nLine;
-        if (parsed.ms) {
+        m_bServiceSeen = m_bServiceSeen || parsed.tag == kServiceTag;
+        if (parsed.bBadTime) {
+            // Kept, at the time of the record before it: a line that starts
+            // a record never becomes another's continuation.
+            parsed.ms = m_lastMs.value_or(0);
+        } else if (parsed.ms) {
             // The month-day clock starts again at the new year; small steps
             // back are threads writing out of order.
             if (m_lastMs && *parsed.ms + m_yearOffset < *m_lastMs - 30 * kDayMs)

@@ -1,11 +1,14 @@
 // The replay file: the simulated engine's mode file holding the logged events
 // as <Raw> steps, with the TV's side and the expected outcomes in <Tv>, which
 // the engine skips.
+#include <algorithm>
 #include <cstring>
 #include <libxml/parser.h>
+#include <libxml/parserInternals.h>
 #include <libxml/tree.h>
 #include <zlib.h>
 
+#include "tvhost/parse.h"
 #include "tvlog/tvlog.h"
 
 namespace tvlog {
@@ -93,9 +96,102 @@ std::string Get(xmlNode *node, const char *name)
     return s;
 }
 
+// A whole number of an attribute (absent: 0); a damaged one is refused with its line.
 long Number(xmlNode *node, const char *name)
 {
-    return std::strtol(Get(node, name).c_str(), nullptr, 10);
+    xmlChar *v = xmlGetProp(node, reinterpret_cast<const xmlChar *>(name));
+    if (!v)
+        return 0;
+    const std::string text(reinterpret_cast<const char *>(v));
+    xmlFree(v);
+    long value = 0;
+    if (!tvhost::ParseInt(text, value))
+        throw Error("line " + std::to_string(xmlGetLineNo(node)) + ": " + name + "=\"" + text.substr(0, 40) +
+                    "\" is not a whole number");
+    return value;
+}
+
+bool StartsWith(const char *p, const char *pEnd, const char *word)
+{
+    const size_t n = std::strlen(word);
+    return static_cast<size_t>(pEnd - p) >= n && std::memcmp(p, word, n) == 0;
+}
+
+const char *After(const char *p, const char *pEnd, const char *word)
+{
+    const char *found = std::search(p, pEnd, word, word + std::strlen(word));
+    return found == pEnd ? nullptr : found + std::strlen(word);
+}
+
+// One pass: does a start tag carry more than nMax attributes? Each takes
+// one '=' outside its quoted value; comments, CDATA and processing
+// instructions are skipped as libxml2 skips them.
+bool HasCrowdedStartTag(const char *p, const char *pEnd, size_t nMax)
+{
+    if (static_cast<size_t>(std::count(p, pEnd, '=')) <= nMax)
+        return false;
+    while (p && p < pEnd) {
+        p = static_cast<const char *>(std::memchr(p, '<', static_cast<size_t>(pEnd - p)));
+        if (!p)
+            return false;
+        ++p;
+        if (StartsWith(p, pEnd, "!--"))
+            p = After(p + 3, pEnd, "-->");
+        else if (StartsWith(p, pEnd, "![CDATA["))
+            p = After(p + 8, pEnd, "]]>");
+        else if (StartsWith(p, pEnd, "?"))
+            p = After(p + 1, pEnd, "?>");
+        else
+            for (size_t n = 0; p < pEnd && *p != '>' && *p != '<'; ++p) {
+                if (*p == '"' || *p == '\'') {
+                    p = static_cast<const char *>(std::memchr(p + 1, *p, static_cast<size_t>(pEnd - p - 1)));
+                    if (!p)
+                        return false;
+                } else if (*p == '=' && ++n > nMax) {
+                    return true;
+                }
+            }
+    }
+    return false;
+}
+
+void OnDeclaration(void *context)
+{
+    auto *ctxt = static_cast<xmlParserCtxtPtr>(context);
+    *static_cast<bool *>(ctxt->_private) = true;
+    xmlStopParser(ctxt);
+}
+
+void OnInternalSubset(void *context, const xmlChar *, const xmlChar *, const xmlChar *)
+{
+    OnDeclaration(context);
+}
+
+void OnEntityDecl(void *context, const xmlChar *, int, const xmlChar *, const xmlChar *, xmlChar *)
+{
+    OnDeclaration(context);
+}
+
+// At most max bytes of a file, plain or gzip-compressed; more is refused.
+std::string ReadBounded(const std::string &path, size_t max)
+{
+    gzFile f = gzopen(LocalFile(path).c_str(), "rb");
+    if (!f)
+        throw Error("cannot read " + path + ": " + std::strerror(errno ? errno : ENOENT));
+    std::string text;
+    char buffer[1 << 16];
+    int n;
+    while ((n = gzread(f, buffer, sizeof buffer)) > 0) {
+        text.append(buffer, static_cast<size_t>(n));
+        if (text.size() > max) {
+            gzclose(f);
+            throw Error(path + " is larger than " + std::to_string(max >> 20) + " MiB; not a replay file");
+        }
+    }
+    gzclose(f);
+    if (n < 0)
+        throw Error(path + ": the compressed data is damaged or cut short");
+    return text;
 }
 
 bool Is(xmlNode *node, const char *name)
@@ -175,9 +271,48 @@ std::string WriteReplayFile(const Plan &plan, const std::string &source)
     return out;
 }
 
+_xmlDoc *ParseUntrusted(const std::string &text, std::string &error)
+{
+    constexpr size_t kMaxAttributes = 256;
+    if (text.size() > static_cast<size_t>(INT32_MAX)) {
+        error = "larger than 2 GiB";
+        return nullptr;
+    }
+    if (HasCrowdedStartTag(text.data(), text.data() + text.size(), kMaxAttributes)) {
+        error = "a start tag with more than " + std::to_string(kMaxAttributes) + " attributes";
+        return nullptr;
+    }
+    xmlParserCtxtPtr ctxt = xmlCreateMemoryParserCtxt(text.data(), static_cast<int>(text.size()));
+    if (!ctxt) {
+        error = "out of memory";
+        return nullptr;
+    }
+    xmlCtxtUseOptions(ctxt, XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_BIG_LINES);
+    bool bDeclared = false;
+    ctxt->_private = &bDeclared;
+    ctxt->sax->internalSubset = OnInternalSubset;
+    ctxt->sax->entityDecl = OnEntityDecl;
+    xmlParseDocument(ctxt);
+    xmlDocPtr doc = ctxt->myDoc;
+    ctxt->myDoc = nullptr;
+    if (bDeclared)
+        error = "a document type or entity declaration (refused, as in an engine's text)";
+    else if (!ctxt->wellFormed)
+        error = "line " + std::to_string(ctxt->lastError.line) + ": " +
+                (ctxt->lastError.message ? ctxt->lastError.message : "not well-formed");
+    if (bDeclared || !ctxt->wellFormed) {
+        xmlFreeDoc(doc);
+        doc = nullptr;
+        while (!error.empty() && (error.back() == '\n' || error.back() == ' '))
+            error.pop_back();
+    }
+    xmlFreeParserCtxt(ctxt);
+    return doc;
+}
+
 bool IsReplayFile(const std::string &path)
 {
-    gzFile f = gzopen(path.c_str(), "rb");
+    gzFile f = gzopen(LocalFile(path).c_str(), "rb");
     if (!f)
         return false;
     char head[4096];
@@ -190,16 +325,10 @@ bool IsReplayFile(const std::string &path)
     return first != std::string::npos && s[first] == '<' && s.find("<Mode") != std::string::npos;
 }
 
-Plan ReadReplayFile(const std::string &path)
+namespace {
+
+void ReadPlan(xmlDoc *doc, Plan &plan)
 {
-    xmlDocPtr doc =
-        xmlReadFile(path.c_str(), nullptr, XML_PARSE_NONET | XML_PARSE_HUGE | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
-    if (!doc) {
-        const xmlError *e = xmlGetLastError();
-        throw Error(path + " is not a well-formed replay file" +
-                    (e && e->message ? ": line " + std::to_string(e->line) + ": " + e->message : std::string()));
-    }
-    Plan plan;
     std::vector<Step> events;
     std::vector<std::pair<size_t, Step>> tv; // after how many events
     bool bTv = false;
@@ -254,10 +383,8 @@ Plan ReadReplayFile(const std::string &path)
             }
         }
     }
-    xmlFreeDoc(doc);
     if (!bTv)
-        throw Error(path + " is a mode file without the TV's side (<Tv>); make one with: lumora-tv scenario "
-                           "--from-log LOG");
+        throw Error("a mode file without the TV's side (<Tv>); make one with: lumora-tv scenario --from-log LOG");
     size_t t = 0;
     for (size_t e = 0; e <= events.size(); ++e) {
         for (; t < tv.size() && tv[t].first <= e; ++t)
@@ -267,6 +394,24 @@ Plan ReadReplayFile(const std::string &path)
     }
     for (; t < tv.size(); ++t)
         plan.steps.push_back(std::move(tv[t].second));
+}
+
+} // namespace
+
+Plan ReadReplayFile(const std::string &path)
+{
+    std::string why;
+    xmlDocPtr doc = ParseUntrusted(ReadBounded(path, kMaxPiped), why);
+    if (!doc)
+        throw Error(path + " is not a well-formed replay file: " + why);
+    Plan plan;
+    try {
+        ReadPlan(doc, plan);
+    } catch (const Error &e) {
+        xmlFreeDoc(doc);
+        throw Error(path + ": " + e.what());
+    }
+    xmlFreeDoc(doc);
     return plan;
 }
 

@@ -15,12 +15,37 @@
 #include <vector>
 
 typedef struct gzFile_s *gzFile;
+struct _xmlDoc;
 
 namespace tvlog {
 
 struct Error : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
+
+// ---- files from outside ---------------------------------------------------------
+
+// The most a pipe or the standard input may give, and the largest replay file.
+constexpr size_t kMaxPiped = size_t{256} << 20;
+// A compressed log refused when so much of it holds no line of the service.
+constexpr uint64_t kMaxBeforeService = uint64_t{64} << 20;
+
+// Whether reading path waits on another program: "-" (the standard input) or a pipe.
+bool IsPipe(const std::string &path);
+// A file named on a command line as one that may be opened more than once:
+// the file itself; for "-" and a pipe, a copy of all it gave (at most
+// kMaxPiped bytes) in a temporary file, made once and removed when the
+// process ends. Throws Error for a device, a socket or a directory.
+std::string LocalFile(const std::string &path);
+
+// Parses XML from outside as the service parses an engine's texts: a
+// document type or entity declaration stops the parse, and so does a start
+// tag of more than 256 attributes (libxml2 checks them pairwise); libxml2's
+// limits stay. Null, with why in error (a line and a reason), when refused.
+_xmlDoc *ParseUntrusted(const std::string &text, std::string &error);
+
+// Called with the bytes read so far every 16 MiB of a long read (progress for a person).
+void SetProgress(void (*progress)(uint64_t bytes));
 
 // ---- the reader --------------------------------------------------------------
 
@@ -35,6 +60,7 @@ struct Record {
     int pid = 0;
     int tid = 0;               // threadtime only
     std::optional<int64_t> ms; // time and threadtime: since the log's first new year
+    bool bBadTime = false;     // its time cannot be (13-45 25:61:00.000): ms is the record's before
     std::string text;          // continuation lines joined with '\n'
 };
 
@@ -71,6 +97,8 @@ private:
     bool m_bEof = false;
     size_t m_nLine = 0;
     size_t m_nStray = 0;
+    uint64_t m_nBytes = 0;
+    bool m_bServiceSeen = false;
     std::optional<Record> m_pending;
     int64_t m_yearOffset = 0;
     std::optional<int64_t> m_lastMs;

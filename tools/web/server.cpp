@@ -2,11 +2,16 @@
 // hosttv, the page's files, and the event streams fed by one watcher thread.
 #include "web/server.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <atomic>
 #include <condition_variable>
 #include <csignal>
+#include <cstdio>
+#include <cstring>
 #include <deque>
 #include <filesystem>
 #include <fstream>
@@ -17,6 +22,9 @@
 #include <unistd.h>
 
 #include "hosttv/json.h"
+#include "tvhost/log.h"
+#include "tvhost/notification_screen.h"
+#include "tvhost/parse.h"
 #include "tvhost/tvhost.h"
 
 namespace fs = std::filesystem;
@@ -66,14 +74,222 @@ std::string Now()
     return text;
 }
 
+// A regular file of at most max bytes, or nothing; no more than that is read.
 std::string ReadWhole(const std::string &path, size_t max)
 {
     std::ifstream in(path, std::ios::binary);
     std::string text;
-    if (in)
-        text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    char chunk[1 << 16];
+    while (text.size() <= max && (in.read(chunk, sizeof chunk) || in.gcount() > 0))
+        text.append(chunk, static_cast<size_t>(in.gcount()));
     return text.size() > max ? std::string() : text;
 }
+
+// ---- one request, read within limits ------------------------------------------
+
+// What a client may send before it is answered. httplib holds a chunked
+// body, every header line and a slow client's thread without a bound of
+// its own, so the server reads each request through LimitedStream.
+constexpr size_t kMaxRequestLine = 8 * 1024;
+constexpr size_t kMaxHead = 32 * 1024; // the request line and every header line
+constexpr size_t kMaxHeaders = 100;
+constexpr auto kRequestDeadline = std::chrono::seconds(10); // the whole request, body included
+constexpr auto kWriteWait = std::chrono::seconds(5);
+
+// Why a request was cut off while it was read; the answer says so.
+enum class Refusal { kNone, kLineTooLong, kHeadTooLarge, kBodyTooLarge, kTooSlow, kNulInHead };
+
+int RefusalStatus(Refusal r)
+{
+    switch (r) {
+    case Refusal::kLineTooLong: return 414;
+    case Refusal::kHeadTooLarge: return 431;
+    case Refusal::kBodyTooLarge: return 413;
+    case Refusal::kTooSlow: return 408;
+    default: return 400;
+    }
+}
+
+std::string RefusalText(Refusal r, size_t maxBody)
+{
+    switch (r) {
+    case Refusal::kLineTooLong: return "request line over the limit of " + std::to_string(kMaxRequestLine) + " bytes";
+    case Refusal::kHeadTooLarge:
+        return "request headers over the limit of " + std::to_string(kMaxHeaders) + " lines or " +
+               std::to_string(kMaxHead) + " bytes";
+    case Refusal::kBodyTooLarge: return "request body over the limit of " + std::to_string(maxBody) + " bytes";
+    case Refusal::kTooSlow:
+        return "request not received within " +
+               std::to_string(std::chrono::duration_cast<std::chrono::seconds>(kRequestDeadline).count()) + " s";
+    case Refusal::kNulInHead: return "a NUL byte in the request line or headers";
+    default: return "malformed request";
+    }
+}
+
+// A connection's socket as httplib reads and writes it: every byte of the
+// request is counted against the limits and must arrive before the
+// deadline; past them a read fails and httplib gives up on the request.
+class LimitedStream : public httplib::Stream {
+public:
+    LimitedStream(int sock, size_t maxBody) : m_sock(sock), m_maxBody(maxBody) {}
+
+    bool is_readable() const override { return m_pos < m_end || Wait(POLLIN, std::chrono::milliseconds(0)); }
+    bool is_writable() const override { return Wait(POLLOUT, kWriteWait); }
+
+    ssize_t read(char *ptr, size_t size) override
+    {
+        if (m_refusal != Refusal::kNone)
+            return -1;
+        if (m_pos == m_end) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(m_deadline - Clock::now());
+            if (left.count() <= 0 || !Wait(POLLIN, left)) {
+                m_refusal = Refusal::kTooSlow;
+                return -1;
+            }
+            const ssize_t n = recv(m_sock, m_buffer, sizeof m_buffer, 0);
+            if (n <= 0)
+                return n;
+            m_pos = 0;
+            m_end = static_cast<size_t>(n);
+        }
+        const size_t n = std::min(size, m_end - m_pos);
+        for (size_t i = 0; i < n; ++i)
+            if (!Count(m_buffer[m_pos + i]))
+                return -1;
+        std::memcpy(ptr, m_buffer + m_pos, n);
+        m_pos += n;
+        return static_cast<ssize_t>(n);
+    }
+
+    ssize_t write(const char *ptr, size_t size) override
+    {
+        if (!Wait(POLLOUT, kWriteWait))
+            return -1;
+        const ssize_t n = send(m_sock, ptr, size, MSG_NOSIGNAL);
+        if (n > 0)
+            m_nWritten += static_cast<size_t>(n);
+        return n;
+    }
+
+    void get_remote_ip_and_port(std::string &ip, int &port) const override { Address(getpeername, ip, port); }
+    void get_local_ip_and_port(std::string &ip, int &port) const override { Address(getsockname, ip, port); }
+    socket_t socket() const override { return m_sock; }
+
+    Refusal Refused() const { return m_refusal; }
+    size_t Written() const { return m_nWritten; }
+
+private:
+    // One byte of the request against the limits.
+    bool Count(char c)
+    {
+        if (m_bInBody) {
+            // Chunked framing included; a body that took more is refused after it is read.
+            if (++m_nBody > 2 * m_maxBody + 4096)
+                m_refusal = Refusal::kBodyTooLarge;
+        } else if (c == '\0') {
+            m_refusal = Refusal::kNulInHead;
+        } else if (++m_nHead > kMaxHead) {
+            m_refusal = Refusal::kHeadTooLarge;
+        } else if (c == '\n') {
+            m_bInBody = m_nLine == 0; // an empty line ends the head
+            m_nLine = 0;
+            if (++m_nLines > kMaxHeaders + 2) // with the request line and the empty one
+                m_refusal = Refusal::kHeadTooLarge;
+        } else if (c != '\r' && ++m_nLine > kMaxRequestLine && m_nLines == 0) {
+            m_refusal = Refusal::kLineTooLong;
+        }
+        return m_refusal == Refusal::kNone;
+    }
+
+    bool Wait(short events, std::chrono::milliseconds wait) const
+    {
+        pollfd p{m_sock, events, 0};
+        int n;
+        while ((n = poll(&p, 1, static_cast<int>(wait.count()))) < 0 && errno == EINTR) {}
+        return n > 0 && !(p.revents & (POLLERR | POLLNVAL)) && (p.revents & events || p.revents & POLLHUP);
+    }
+
+    template <typename Get>
+    void Address(Get get, std::string &ip, int &port) const
+    {
+        sockaddr_storage address{};
+        socklen_t length = sizeof address;
+        char text[INET6_ADDRSTRLEN] = {};
+        port = 0;
+        if (get(m_sock, reinterpret_cast<sockaddr *>(&address), &length) != 0)
+            return;
+        if (address.ss_family == AF_INET) {
+            const auto *a = reinterpret_cast<const sockaddr_in *>(&address);
+            inet_ntop(AF_INET, &a->sin_addr, text, sizeof text);
+            port = ntohs(a->sin_port);
+        } else if (address.ss_family == AF_INET6) {
+            const auto *a = reinterpret_cast<const sockaddr_in6 *>(&address);
+            inet_ntop(AF_INET6, &a->sin6_addr, text, sizeof text);
+            port = ntohs(a->sin6_port);
+        }
+        ip = text;
+    }
+
+    int m_sock;
+    size_t m_maxBody;
+    Clock::time_point m_deadline = Clock::now() + kRequestDeadline;
+    char m_buffer[4096];
+    size_t m_pos = 0, m_end = 0;
+    bool m_bInBody = false;
+    size_t m_nHead = 0, m_nLine = 0, m_nLines = 0, m_nBody = 0, m_nWritten = 0;
+    Refusal m_refusal = Refusal::kNone;
+};
+
+// The request this thread reads, for the error handler's answer.
+thread_local const LimitedStream *t_stream = nullptr;
+
+// httplib's server with one request per connection, read through
+// LimitedStream: a page's requests are few, and a connection that cannot
+// be reused cannot be held open between them.
+class LimitedServer : public httplib::Server {
+public:
+    explicit LimitedServer(size_t maxBody) : m_maxBody(maxBody) {}
+
+private:
+    bool process_and_close_socket(socket_t sock) override
+    {
+        LimitedStream stream(sock, m_maxBody);
+        t_stream = &stream;
+        bool bClosed = false;
+        const bool bOk = process_request(stream, true, bClosed, [](httplib::Request &) {});
+        if (stream.Refused() != Refusal::kNone && stream.Written() == 0) {
+            // Refused before httplib could answer (the request line).
+            const std::string body = hosttv::Dump({{"error", RefusalText(stream.Refused(), m_maxBody)}});
+            const std::string head =
+                "HTTP/1.1 " + std::to_string(RefusalStatus(stream.Refused())) +
+                (stream.Refused() == Refusal::kTooSlow       ? " Request Timeout"
+                 : stream.Refused() == Refusal::kLineTooLong ? " URI Too Long"
+                                                             : " Bad Request") +
+                "\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) +
+                "\r\nConnection: close\r\n\r\n";
+            stream.write((head + body).data(), head.size() + body.size());
+        }
+        t_stream = nullptr;
+        // What the client still sends is read and dropped for a moment, so
+        // that closing does not reset the connection before it reads the answer.
+        shutdown(sock, SHUT_WR);
+        const auto until = Clock::now() + std::chrono::milliseconds(200);
+        char sink[4096];
+        for (size_t n = 0; n < (1u << 20) && Clock::now() < until;) {
+            pollfd p{sock, POLLIN, 0};
+            if (poll(&p, 1, 50) <= 0)
+                continue;
+            const ssize_t got = recv(sock, sink, sizeof sink, 0);
+            if (got <= 0)
+                break;
+            n += static_cast<size_t>(got);
+        }
+        close(sock);
+        return bOk;
+    }
+
+    size_t m_maxBody;
+};
 
 // What every open page sees, and the pages waiting for it to change.
 class Hub {
@@ -88,6 +304,9 @@ public:
     // The host TV as the watcher last saw it.
     void SetTv(JsonValue status, std::vector<tvhost::notifications::Record> popups)
     {
+        // The page shows what the TV's drawing shows, and no more of a text.
+        for (auto &r : popups)
+            r = tvhost::notifications::AsDrawn(r);
         std::lock_guard<std::mutex> lock(m_mutex);
         m_status = std::move(status);
         m_popups = std::move(popups);
@@ -133,7 +352,7 @@ public:
                                                        {"pid", l.pid},
                                                        {"tid", l.tid},
                                                        {"tag", l.tag},
-                                                       {"text", l.text}})});
+                                                       {"text", LogText(l.text)}})});
             if (m_log.size() > kMaxLog)
                 m_log.pop_front();
         }
@@ -206,6 +425,21 @@ private:
     static constexpr size_t kMaxActivity = 20;
     static constexpr size_t kMaxLog = 5000;
     static constexpr size_t kMaxLogPerMessage = 500;
+
+    // A record's text as the page shows it: escaped as on a terminal (no
+    // control steers the page's direction of text) and cut, so that the
+    // kept log stays small whatever the service logged.
+    static std::string LogText(const std::string &text)
+    {
+        constexpr size_t kMaxLogText = 4096;
+        if (text.size() <= kMaxLogText)
+            return tvhost::log::ForTerminal(text);
+        size_t cut = kMaxLogText;
+        while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80)
+            --cut;
+        return tvhost::log::ForTerminal(std::string_view(text).substr(0, cut)) + "\u2026 (" +
+               std::to_string(text.size()) + " bytes in all)";
+    }
 
     bool LogNews(const Cursor &cursor) const
     {
@@ -304,8 +538,7 @@ std::optional<Listen> ParseListen(const std::string &text)
     const std::string port = text.substr(colon + 1);
     if (port.empty() || port.size() > 5 || port.find_first_not_of("0123456789") != std::string::npos)
         return std::nullopt;
-    listen.port = std::stoi(port);
-    if (listen.port > 65535 || !IsIpLiteral(listen.host))
+    if (!tvhost::ParseInt(port, listen.port) || listen.port > 65535 || !IsIpLiteral(listen.host))
         return std::nullopt;
     return listen;
 }
@@ -319,13 +552,13 @@ std::string DefaultWwwDir()
 
 struct Server::Impl {
     Options options;
-    httplib::Server http;
+    LimitedServer http;
     Hub hub;
     int port = 0;
     std::atomic<int> nStreams{0};
     std::thread watcher;
 
-    explicit Impl(Options o) : options(std::move(o)) {}
+    explicit Impl(Options o) : options(std::move(o)), http(options.maxBody) {}
 
     // Host names a browser on this machine may use for us; with a wildcard
     // address any address literal, localhost and the machine's name.
@@ -353,6 +586,22 @@ struct Server::Impl {
 
     httplib::Server::HandlerResponse Guard(const httplib::Request &req, httplib::Response &res) const
     {
+        if (req.path.find('\0') != std::string::npos) {
+            ReplyError(res, 400, "refused: a NUL byte in the path");
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        // Refused before httplib reads it: it would read a body over the limit to drop it.
+        size_t length = 0;
+        if (req.has_header("Content-Length") &&
+            (!tvhost::ParseInt(req.get_header_value("Content-Length"), length) || length > options.maxBody)) {
+            ReplyError(res, 413, "request body over the limit of " + std::to_string(options.maxBody) + " bytes");
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        if (const char *allow = Allowed(req)) {
+            res.set_header("Allow", allow);
+            ReplyError(res, 405, "refused: " + req.method + " " + req.path + " takes " + allow);
+            return httplib::Server::HandlerResponse::Handled;
+        }
         const std::string host = req.get_header_value("Host");
         if (!HostAllowed(host)) {
             ReplyError(res, 403,
@@ -371,17 +620,34 @@ struct Server::Impl {
         return httplib::Server::HandlerResponse::Unhandled;
     }
 
+    // The methods a path takes when the request's is not one of them; null when it is.
+    static const char *Allowed(const httplib::Request &req)
+    {
+        static const char *const kGets[] = {"/api/state", "/api/info", "/api/icon", "/api/events", "/api/pages"};
+        const bool bApi = req.path.compare(0, 5, "/api/") == 0;
+        const bool bGet = !bApi || std::find(std::begin(kGets), std::end(kGets), req.path) != std::end(kGets);
+        const bool bRead = req.method == "GET" || req.method == "HEAD";
+        if (bGet)
+            return bRead ? nullptr : "GET, HEAD";
+        return req.method == "POST" ? nullptr : "POST";
+    }
+
     // A POST of the API: its body is one JSON object; hosttv's refusals
     // become 400 (a wrong request) or 409 (not now).
     void Post(const char *path, std::function<JsonValue(const JsonValue &)> action)
     {
         http.Post(path, [this, action](const httplib::Request &req, httplib::Response &res) {
             try {
+                if (req.body.size() > options.maxBody)
+                    throw ApiError{413, "request body over the limit of " + std::to_string(options.maxBody) + " bytes"};
                 JsonValue body;
                 try {
                     body = JsonValue::parse(req.body);
                 } catch (const JsonValue::parse_error &e) {
-                    throw ApiError{400, std::string("malformed JSON: ") + e.what()};
+                    throw ApiError{400, "malformed JSON at byte " + std::to_string(e.byte)};
+                } catch (const JsonValue::exception &) {
+                    // nlohmann's texts name its own internals; a number like 1e400 ends here.
+                    throw ApiError{400, "malformed JSON: a number out of range"};
                 }
                 if (!body.is_object())
                     throw ApiError{400, "the request must be a JSON object"};
@@ -391,7 +657,9 @@ struct Server::Impl {
             } catch (const hosttv::Error &e) {
                 ReplyError(res, e.kind() == hosttv::Error::Kind::kBadRequest ? 400 : 409, e.what());
             } catch (const std::exception &e) {
-                ReplyError(res, 500, e.what());
+                // A library's text is for the person at the terminal, not for the page.
+                std::fprintf(stderr, "lumora-tv web: %s failed: %s\n", req.path.c_str(), e.what());
+                ReplyError(res, 500, "the server could not do it; its terminal says why");
             }
             hub.Poke();
         });
@@ -434,7 +702,10 @@ struct Server::Impl {
             const int number = IntField(body, "number");
             const std::string text = body.contains("sample") ? hosttv::EventSampleText(StringField(body, "sample"))
                                                              : StringField(body, "text");
-            JsonValue outcome = hosttv::ToJson(hosttv::SendEvent(number, text, std::chrono::milliseconds(500)));
+            hosttv::EventOutcome sent = hosttv::SendEvent(number, text, std::chrono::milliseconds(500));
+            for (auto &r : sent.shown)
+                r = tvhost::notifications::AsDrawn(r);
+            JsonValue outcome = hosttv::ToJson(sent);
             hub.AddActivity({{"kind", "event"}, {"number", number}, {"outcome", outcome}});
             return outcome;
         });
@@ -460,6 +731,10 @@ struct Server::Impl {
         http.Get("/api/info", [this](const httplib::Request &, httplib::Response &res) { Reply(res, 200, Info()); });
         http.Get("/api/icon", [this](const httplib::Request &req, httplib::Response &res) { Icon(req, res); });
         http.Get("/api/events", [this](const httplib::Request &, httplib::Response &res) { Stream(res); });
+        // A page refused for the cap asks here until a place is free.
+        http.Get("/api/pages", [this](const httplib::Request &, httplib::Response &res) {
+            Reply(res, 200, {{"open", nStreams.load()}, {"max", options.maxStreams}});
+        });
     }
 
     JsonValue Info() const
@@ -486,12 +761,9 @@ struct Server::Impl {
     void Icon(const httplib::Request &req, httplib::Response &res)
     {
         int item = 0, button = 0;
-        try {
-            item = std::stoi(req.get_param_value("item"));
-            button = std::stoi(req.get_param_value("button"));
-        } catch (const std::exception &) {
+        if (!tvhost::ParseInt(req.get_param_value("item"), item) ||
+            !tvhost::ParseInt(req.get_param_value("button"), button))
             return ReplyError(res, 400, "give item and button as whole numbers");
-        }
         std::optional<std::string> path;
         for (const auto &r : hub.OnScreen())
             if (r.itemId == item && button >= 0 && button < r.buttonCount && button < 3)
@@ -519,7 +791,8 @@ struct Server::Impl {
         if (nStreams.fetch_add(1) >= options.maxStreams) {
             --nStreams;
             return ReplyError(res, 503,
-                              "too many open pages (" + std::to_string(options.maxStreams) + "); close one and reload");
+                              "too many open pages (" + std::to_string(options.maxStreams) +
+                                  "); close one: a refused page retries by itself");
         }
         auto cursor = std::make_shared<Hub::Cursor>();
         auto bFirst = std::make_shared<bool>(true);
@@ -574,11 +847,10 @@ Server::Server(Options options) : m(std::make_unique<Impl>(std::move(options)))
 {
     httplib::Server &http = m->http;
     Impl *impl = m.get();
-    // Pages' streams plus room for the requests of every page.
-    const int nThreads = m->options.maxStreams + 8;
+    // Pages' streams, room for the requests of every page, and for as many
+    // clients that are slow to send theirs (each is cut off at the deadline).
+    const int nThreads = m->options.maxStreams + 8 + 16;
     http.new_task_queue = [nThreads] { return new httplib::ThreadPool(static_cast<size_t>(nThreads)); };
-    // An idle keep-alive connection holds a thread too: let it go soon.
-    http.set_keep_alive_timeout(2);
     // httplib's default also sets SO_REUSEPORT, which lets a second server
     // share a port in use instead of being told so.
     http.set_socket_options([](socket_t sock) {
@@ -601,6 +873,10 @@ Server::Server(Options options) : m(std::make_unique<Impl>(std::move(options)))
         httplib::Server::HandlerWithResponse([maxBody](const httplib::Request &req, httplib::Response &res) {
             if (!res.body.empty())
                 return httplib::Server::HandlerResponse::Unhandled;
+            if (t_stream && t_stream->Refused() != Refusal::kNone) {
+                ReplyError(res, RefusalStatus(t_stream->Refused()), RefusalText(t_stream->Refused(), maxBody));
+                return httplib::Server::HandlerResponse::Handled;
+            }
             std::string text = "request refused (HTTP " + std::to_string(res.status) + ")";
             if (res.status == 413)
                 text = "request body over the limit of " + std::to_string(maxBody) + " bytes";

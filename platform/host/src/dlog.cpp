@@ -320,5 +320,13 @@ std::vector<std::string> Find(const std::string &needle)
     return out;
 }
 
+std::string ForTerminal(std::string_view text)
+{
+    std::string out;
+    bool bLineStart = false;
+    AppendForTerminal(out, text.data(), text.size(), true, bLineStart);
+    return out;
+}
+
 } // namespace log
 } // namespace tvhost

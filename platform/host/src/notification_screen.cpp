@@ -414,6 +414,32 @@ std::string Render(const Record &r)
     return out;
 }
 
+Record AsDrawn(const Record &r)
+{
+    auto lines = [](const std::optional<std::string> &text, size_t nMaxLines) -> std::optional<std::string> {
+        if (!text)
+            return std::nullopt;
+        std::string out;
+        for (const auto &line : WrapText(*text, kMaxWidth, nMaxLines))
+            out += (out.empty() ? "" : "\n") + line;
+        return out;
+    };
+    auto oneLine = [](const std::optional<std::string> &text, int nWidth) -> std::optional<std::string> {
+        return text ? std::optional<std::string>(OneLine(*text, nWidth)) : std::nullopt;
+    };
+    Record out = r;
+    out.appId = oneLine(r.appId, kMaxAppIdWidth);
+    out.title = lines(r.title, kTitleLines);
+    out.body = lines(r.body, kBodyLines);
+    out.subText = lines(r.subText, kSubTextLines);
+    for (size_t i = 0; i < out.buttonLabel.size(); ++i) {
+        out.buttonLabel[i] = oneLine(r.buttonLabel[i], kMaxWidth - 4);
+        if (out.buttonIcon[i] && out.buttonIcon[i]->size() > 4096)
+            out.buttonIcon[i].reset();
+    }
+    return out;
+}
+
 std::string RenderClosed(const std::string &appId, int itemId)
 {
     return "(" + OneLine(appId, kMaxAppIdWidth) + " #" + std::to_string(itemId) + " closed)\n";

@@ -270,6 +270,13 @@ async function setUp() {
   $('log-filter').addEventListener('input', refilterLog);
   $('log-note').textContent = `kept in ${info.log} by a service that lumora-tv run, web --run or Start above began`;
 
+  connect();
+}
+
+// The event stream. A page over the server's cap is refused (503) and an
+// EventSource does not retry that: this page says why and asks the server
+// every few seconds until a place is free.
+function connect() {
   const link = $('link');
   const stream = new EventSource('/api/events');
   stream.addEventListener('state', (e) => render(JSON.parse(e.data)));
@@ -279,9 +286,31 @@ async function setUp() {
     link.className = 'pill on';
   });
   stream.addEventListener('error', () => {
-    link.textContent = 'reconnecting…';
     link.className = 'pill off';
+    if (stream.readyState !== EventSource.CLOSED) {
+      link.textContent = 'reconnecting…';
+      return;
+    }
+    stream.close();
+    waitForPlace();
   });
+}
+
+async function waitForPlace() {
+  const link = $('link');
+  try {
+    const pages = await (await fetch('/api/pages')).json();
+    if (pages.open < pages.max) {
+      say('');
+      connect();
+      return;
+    }
+    link.textContent = 'refused: too many pages';
+    say(`this server shows at most ${pages.max} pages at once and all are open; close one: this page connects when a place frees`, true);
+  } catch (e) {
+    link.textContent = 'reconnecting…';
+  }
+  setTimeout(waitForPlace, 2000);
 }
 
 setUp().catch((e) => say(`cannot set up the page: ${e.message}`, true));

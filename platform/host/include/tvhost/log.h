@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tvhost {
@@ -28,6 +29,12 @@ void ClearRecords();
 
 // Texts of the captured records that contain needle, in order.
 std::vector<std::string> Find(const std::string &needle);
+
+// text as the log shows it on a terminal, for any program that prints an
+// engine's text: C0, C1 and bidirectional controls and bytes outside UTF-8
+// escaped (\x1b, \u009b, \u202e, \xff), every further line begun with
+// "    | " so that none passes for a line of its own.
+std::string ForTerminal(std::string_view text);
 
 // How many times __dlog_vprint was called since the last reset.
 unsigned long PrintCount();

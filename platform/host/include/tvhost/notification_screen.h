@@ -108,6 +108,12 @@ std::string NotOnScreenText(int itemId, const std::vector<Record> &records);
 // The pop-up as the viewer sees it: a box of title, body, sub-text and
 // buttons, at most 64 columns wide.
 std::string Render(const Record &record);
+// The record's texts as Render draws them, for a view other than the
+// terminal's: control and bidirectional characters dropped, the title, body
+// and sub-text cut to the box's lines (a line feed between them), a label
+// and the app id to one line, each cut text ending with an ellipsis. Icon
+// paths longer than any path are dropped.
+Record AsDrawn(const Record &record);
 // The line drawn when a pop-up is taken down.
 std::string RenderClosed(const std::string &appId, int itemId);
 
