@@ -18,6 +18,7 @@
 #include "tvhost/apps.h"
 #include "tvhost/notifications.h"
 #include "tvhost/service.h"
+#include "tvlog/tvlog.h"
 
 namespace hosttv {
 
@@ -124,10 +125,7 @@ struct Power {
 // Whether the TV was switched off since the last run or reset.
 Power PowerState();
 
-struct WidgetState {
-    bool bInstalled = false;
-    bool bRunning = false;
-};
+using tvlog::WidgetState;
 
 struct Status {
     int servicePid = 0;

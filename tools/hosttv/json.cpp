@@ -47,7 +47,7 @@ JsonValue ToJson(const tvhost::notifications::Record &r)
 {
     JsonValue labels = JsonValue::array();
     JsonValue icons = JsonValue::array();
-    for (int i = 0; i < r.buttonCount && i < static_cast<int>(r.buttonLabel.size()); ++i) {
+    for (int i = 0; i < r.Buttons(); ++i) {
         labels.push_back(Optional(r.buttonLabel[i]));
         icons.push_back(Optional(r.buttonIcon[i]));
     }

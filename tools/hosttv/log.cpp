@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "hosttv/hosttv.h"
+#include "tvhost/log.h"
 #include "tvhost/tvhost.h"
 #include "tvlog/tvlog.h"
 
@@ -18,11 +19,10 @@ namespace hosttv {
 
 namespace {
 
-constexpr char kLevels[] = "VDIWEF";
 constexpr size_t kChunk = 1 << 16;
 
 // The host TV's terminal form marks every further line of a record.
-constexpr std::string_view kMarker = "    | ";
+constexpr std::string_view kMarker = tvhost::log::kContinuation;
 
 class File {
 public:
@@ -62,9 +62,9 @@ std::string LogPath()
 
 bool LevelAtLeast(char level, char minLevel)
 {
-    const char *pLevel = level ? std::strchr(kLevels, level) : nullptr;
-    const char *pMin = minLevel ? std::strchr(kLevels, minLevel) : nullptr;
-    return pLevel && pMin && pLevel >= pMin;
+    const size_t at = tvhost::log::kLevelLetters.find(level);
+    const size_t min = tvhost::log::kLevelLetters.find(minLevel);
+    return at != std::string_view::npos && min != std::string_view::npos && at >= min;
 }
 
 LogChunk ReadLog(uint64_t from, size_t max)

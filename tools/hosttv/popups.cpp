@@ -41,7 +41,7 @@ Press PressButton(int item, int button)
     Press press;
     // The label, for a readable answer; the press itself checks what is shown.
     for (const auto &r : Popups())
-        if (r.itemId == item && button >= 0 && button < r.buttonCount && button < 3)
+        if (r.itemId == item && button >= 0 && button < r.Buttons())
             press.label = r.buttonLabel[button].value_or("");
     noti::remote::Error error;
     if (!noti::remote::PressButton(item, button, press.launches, error))

@@ -98,7 +98,7 @@ void Warn(const std::string &text)
 std::string Summary(const tvhost::notifications::Record &r)
 {
     std::string out = r.title.value_or("");
-    for (int i = 0; i < r.buttonCount && i < 3; ++i)
+    for (int i = 0; i < r.Buttons(); ++i)
         out += " [ " + r.buttonLabel[i].value_or("") + " ]";
     for (char &c : out)
         if (c == '\t' || c == '\n' || c == '\r')
@@ -135,7 +135,7 @@ int Event(const Args &arguments)
     const hosttv::EventKind *kind = hosttv::FindEventKind(number);
     if (!kind)
         Warn("the service does nothing for event " + std::to_string(number) + "; it acts on " + SampleNames());
-    else if (number != 12291 && text.empty())
+    else if (kind->bDocument && text.empty())
         Warn("the text is empty; the service will not parse it");
     else if (nul != std::string::npos)
         Warn(source + " holds a NUL byte (at byte " + std::to_string(nul) +
@@ -154,10 +154,10 @@ int Event(const Args &arguments)
         std::printf("the service ended\n");
     if (!kind || !outcome.shown.empty() || outcome.powerOff)
         return kDone;
-    if (number == 1 || number == 5)
+    if (kind->bPopup)
         std::printf("no pop-up shown: the text was not parsed, or the service shows nothing for it; see the "
                     "service's log\n");
-    else if (number == 12291)
+    else if (kind->bPowerOff)
         std::printf("the TV was not switched off; see the service's log\n");
     else
         std::printf("nothing to see for this event: the service logs the list, or that it was not parsed; see "

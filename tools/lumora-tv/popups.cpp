@@ -58,7 +58,7 @@ int Notifications(const Args &args)
     for (const auto &r : records) {
         if (bBrief) {
             std::string line = std::to_string(r.itemId) + "\t" + OneLine(r.title);
-            for (int i = 0; i < r.buttonCount && i < 3; ++i)
+            for (int i = 0; i < r.Buttons(); ++i)
                 line += "\t" + OneLine(r.buttonLabel[i]);
             std::printf("%s\n", line.c_str());
         } else {

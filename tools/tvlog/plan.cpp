@@ -8,6 +8,7 @@
 #include <map>
 
 #include "tvhost/parse.h"
+#include "tvhost/service.h"
 #include "tvlog/tvlog.h"
 
 namespace tvlog {
@@ -283,10 +284,11 @@ struct Planner::Impl {
                 s.param2 = rest.substr(p2 + std::strlen(kParam2));
             }
         }
-        bool bDocument = s.event == 0 || s.event == 1 || s.event == 5 || s.event == 12290;
+        const tvhost::service::EventKind *kind = tvhost::service::FindEventKind(s.event);
+        const bool bDocument = kind && kind->bDocument;
         if (bDocument && s.bWellFormed)
             s.bWellFormed = WellFormed(s.param1);
-        eventDevice = s.event == 5 ? DeviceId(s.param1) : "";
+        eventDevice = s.event == tvhost::service::kDeviceNotification ? DeviceId(s.param1) : "";
         context = plan.steps.size() - 1;
     }
 

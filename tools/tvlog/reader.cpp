@@ -10,6 +10,7 @@
 #include <vector>
 #include <zlib.h>
 
+#include "tvhost/log.h"
 #include "tvlog/tvlog.h"
 
 namespace tvlog {
@@ -23,7 +24,7 @@ constexpr int kMonthStart[12] = {0, 31, 60, 91, 121, 152, 182, 213, 244, 274, 30
 
 bool IsLevel(char c)
 {
-    return std::strchr("VDIWEF", c) != nullptr && c != '\0';
+    return tvhost::log::kLevelLetters.find(c) != std::string_view::npos;
 }
 
 bool Digits(std::string_view s, size_t at, size_t n, int &value)
@@ -352,7 +353,7 @@ bool Reader::Next(Record &record)
                             std::to_string(kMaxLine >> 20) + " MiB; this is not a platform log");
             m_pending->text += '\n';
             // The host TV's terminal marks every further line of a record.
-            const std::string_view marker = "    | ";
+            const std::string_view marker = tvhost::log::kContinuation;
             m_pending->text += line.compare(0, marker.size(), marker) == 0 ? line.substr(marker.size()) : line;
             continue;
         }

@@ -121,13 +121,14 @@ std::vector<SessionInfo> ListSessions(const std::string &path);
 
 // ---- the replay plan -----------------------------------------------------------
 
+// The companion widget as the TV (or the host TV) has it.
 struct WidgetState {
-    bool bInstalled = true;
+    bool bInstalled = false;
     bool bRunning = false;
 };
 
 struct StartState {
-    WidgetState widget;
+    WidgetState widget{true, false}; // a TV's widget is installed unless its log says otherwise
     std::string language = "en_US.UTF-8";
     std::string network = "ethernet"; // wifi, ethernet, none
 };

@@ -766,7 +766,7 @@ struct Server::Impl {
             return ReplyError(res, 400, "give item and button as whole numbers");
         std::optional<std::string> path;
         for (const auto &r : hub.OnScreen())
-            if (r.itemId == item && button >= 0 && button < r.buttonCount && button < 3)
+            if (r.itemId == item && button >= 0 && button < r.Buttons())
                 path = r.buttonIcon[button];
         if (!path)
             return ReplyError(res, 404,

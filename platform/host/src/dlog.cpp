@@ -69,13 +69,13 @@ std::vector<tvhost::log::Record> g_records;
 
 char PriorityLetter(int prio)
 {
-    static const char letters[] = "??VDIWEFS";
-    return (prio >= 0 && prio < static_cast<int>(sizeof letters - 1)) ? letters[prio] : '?';
+    const int first = 2; // verbose
+    if (prio >= first && prio < first + static_cast<int>(tvhost::log::kLevelLetters.size()))
+        return tvhost::log::kLevelLetters[static_cast<size_t>(prio - first)];
+    return prio == 8 ? 'S' : '?'; // silent, or not a priority
 }
 
-// Put in front of each further line of a record, so that no line of a
-// record's text can be read as a record of its own.
-const char kContinuation[] = "    | ";
+using tvhost::log::kContinuation;
 
 void AppendEscape(std::string &out, const char *format, unsigned long value)
 {
@@ -93,8 +93,10 @@ void AppendForTerminal(std::string &out, const char *p, size_t n, bool bMarkLine
 {
     size_t i = 0;
     while (i < n) {
-        if (bLineStart &&
-            (bMarkLines || (p[i] != '\0' && std::strchr("?VDIWEFS", p[i]) && (i + 1 == n || p[i + 1] == '/'))))
+        if (bLineStart && (bMarkLines || (p[i] != '\0' &&
+                                          (std::strchr("?S", p[i]) ||
+                                           tvhost::log::kLevelLetters.find(p[i]) != std::string_view::npos) &&
+                                          (i + 1 == n || p[i + 1] == '/'))))
             out += kContinuation;
         bLineStart = false;
         const tvhost::text::Unit u = tvhost::text::Decode(p + i, n - i);

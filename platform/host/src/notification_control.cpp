@@ -121,7 +121,7 @@ bool ParseRecordLine(const std::string &line, Record &r)
         ok = ok && ParseInt(f[5 + i], r.reserved1[i]) && ParseInt(f[11 + i], r.reserved2[i]);
     ok = ok && ParseTextField(f[8], r.title) && ParseTextField(f[9], r.body) && ParseTextField(f[10], r.subText) &&
          ParseInt(f[14], r.buttonCount) && ParseInt(f[15], r.needAnswer);
-    for (int i = 0; i < 3; ++i)
+    for (int i = 0; i < Record::kMaxButtons; ++i)
         ok = ok && ParseTextField(f[16 + i], r.buttonLabel[i]) && ParseTextField(f[19 + i], r.buttonIcon[i]);
     return ok;
 }

@@ -8,6 +8,13 @@
 namespace tvhost {
 namespace log {
 
+// The level letters of a record, lowest first: verbose, debug, info, warning,
+// error, fatal (platform priorities 2 to 7).
+inline constexpr std::string_view kLevelLetters = "VDIWEF";
+// What begins every further line of a record where a terminal shows it and in
+// the kept log, so that no line of a text passes for a record of its own.
+inline constexpr std::string_view kContinuation = "    | ";
+
 struct Record {
     int priority; // platform priority: 3 debug .. 7 fatal
     std::string tag;

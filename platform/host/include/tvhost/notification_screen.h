@@ -15,6 +15,9 @@ namespace notifications {
 // A copy of one posted notification_data_t. Text fields are empty optionals
 // where the record held a null pointer.
 struct Record {
+    // The buttons a notification record holds at most (its label and icon arrays).
+    static constexpr int kMaxButtons = 3;
+
     int version = 0;
     int popup = 0;
     int style = 0;
@@ -27,8 +30,11 @@ struct Record {
     std::array<int, 3> reserved2{};
     int buttonCount = 0;
     int needAnswer = 0;
-    std::array<std::optional<std::string>, 3> buttonLabel;
-    std::array<std::optional<std::string>, 3> buttonIcon;
+    std::array<std::optional<std::string>, kMaxButtons> buttonLabel;
+    std::array<std::optional<std::string>, kMaxButtons> buttonIcon;
+
+    // The buttons it shows: its count, within what the record holds.
+    int Buttons() const { return buttonCount < 0 ? 0 : buttonCount > kMaxButtons ? kMaxButtons : buttonCount; }
 };
 
 // One posted notification kept in a single allocation: its numbers and every
