@@ -9,6 +9,8 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <mutex>
+#include <string_view>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -17,6 +19,7 @@
 #include "proc/process.h"
 #include "tvhost/apps.h"
 #include "tvhost/notifications.h"
+#include "tvhost/parse.h"
 #include "tvhost/service.h"
 #include "tvlog/tvlog.h"
 
@@ -107,6 +110,39 @@ proc::Child StartService(RunPlan &&plan, const std::vector<std::pair<int, int>> 
 // clean end.
 std::string EndText(int waitStatus);
 
+// The service a long-lived front end (the web page's server) starts and owns:
+// one at a time, reaped when it ends, stopped when asked and when this goes.
+// Safe to use from several threads. What happens is told to events, on the
+// thread that made it happen.
+class OwnedService {
+public:
+    struct Events {
+        std::function<void(const RunPlan &plan)> prepared;               // before the start
+        std::function<void(int pid, const std::string &binary)> started; // after it
+        std::function<void()> stopping;                                  // a stop was asked of a running one
+        std::function<void(int pid, const std::string &endText)> ended;  // reaped; endText: EndText's, or empty
+    };
+    explicit OwnedService(Events events) : m_events(std::move(events)) {}
+    ~OwnedService() { Stop(false); }
+    OwnedService(const OwnedService &) = delete;
+    OwnedService &operator=(const OwnedService &) = delete;
+
+    // PrepareRun and StartService; its pid. Refused like them.
+    int Start(const std::string &scenario);
+    // Reaps it if it ended.
+    void Reap();
+    // Ends it if it runs: SIGTERM unless bSignalled (the terminal's Ctrl-C
+    // reached it already), SIGKILL after 20 s; then reaps it.
+    void Stop(bool bSignalled);
+
+private:
+    void Ended();
+
+    Events m_events;
+    std::mutex m_mutex;
+    proc::Child m_service;
+};
+
 // The fresh host TV: widget installed and closed, language kFreshLanguage,
 // Ethernet, no data folder, TV on. Refused while the service runs.
 void Reset();
@@ -139,6 +175,19 @@ struct Status {
     std::string root;
 };
 Status ReadStatus();
+
+// ---- texts as the host TV shows them ------------------------------------------
+
+// The TV root of this build tree.
+std::string Root();
+// A text as the host TV's terminal shows it: controls and bidirectional
+// characters escaped, every further line marked.
+std::string ForTerminal(std::string_view text);
+// A pop-up as the host TV's screen draws it: texts cut, controls dropped.
+tvhost::notifications::Record AsDrawn(const tvhost::notifications::Record &record);
+// The one number reader (tvhost/parse.h).
+using tvhost::ParseInt;
+using tvhost::ParseReal;
 
 // ---- the service's log ------------------------------------------------------
 // The log a service started by `lumora-tv run` keeps in the TV root.

@@ -18,6 +18,7 @@
 #include "hosttv/written.h"
 #include "qorv_sim_client.h"
 #include "tvhost/local_socket.h"
+#include "tvhost/log.h"
 #include "tvhost/network.h"
 #include "tvhost/parse.h"
 #include "tvhost/power.h"
@@ -262,6 +263,67 @@ proc::Child StartService(RunPlan &&plan, const std::vector<std::pair<int, int>> 
         throw Error(Error::Kind::kCannot, "cannot write " + LockPath() + ": " + std::strerror(error));
     }
     return child;
+}
+
+int OwnedService::Start(const std::string &scenario)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    RunPlan plan = PrepareRun(scenario);
+    const std::string binary = plan.binary;
+    if (m_events.prepared)
+        m_events.prepared(plan);
+    m_service = StartService(std::move(plan));
+    if (m_events.started)
+        m_events.started(m_service.Pid(), binary);
+    return m_service.Pid();
+}
+
+void OwnedService::Reap()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_service && !m_service.Running())
+        Ended();
+}
+
+void OwnedService::Stop(bool bSignalled)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_service)
+        return;
+    if (m_service.Running()) {
+        if (m_events.stopping)
+            m_events.stopping();
+        if (!bSignalled)
+            m_service.Signal(SIGTERM);
+        // A service that ignores SIGTERM is not waited for forever.
+        if (!m_service.Wait(std::chrono::seconds(20)))
+            m_service.Stop(std::chrono::milliseconds(0));
+    }
+    Ended();
+}
+
+void OwnedService::Ended()
+{
+    const int pid = m_service.Pid();
+    const std::string text = EndText(m_service.Status().value_or(0));
+    m_service = proc::Child();
+    if (m_events.ended)
+        m_events.ended(pid, text);
+}
+
+std::string Root()
+{
+    return tvhost::Root();
+}
+
+std::string ForTerminal(std::string_view text)
+{
+    return tvhost::log::ForTerminal(text);
+}
+
+tvhost::notifications::Record AsDrawn(const tvhost::notifications::Record &record)
+{
+    return tvhost::notifications::AsDrawn(record);
 }
 
 int StopService(std::chrono::seconds wait, const std::function<void(int pid)> &signalled)

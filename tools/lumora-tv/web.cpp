@@ -13,66 +13,6 @@
 
 namespace lumoratv {
 
-namespace {
-
-// The service this process started (--run, or the page's Start), which it
-// reaps and stops on Ctrl-C. One at a time: the run lock refuses a second.
-class Child {
-public:
-    int Start(const std::string &scenario)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        hosttv::RunPlan plan = hosttv::PrepareRun(scenario);
-        const std::string binary = plan.binary;
-        std::fprintf(stderr, "lumora-tv: %s\n", hosttv::PlanText(plan).c_str());
-        m_service = hosttv::StartService(std::move(plan));
-        std::fprintf(stderr, "lumora-tv: started %s (pid %d); Ctrl-C here ends it with the page\n", binary.c_str(),
-                     m_service.Pid());
-        return m_service.Pid();
-    }
-    // Reaps it once it ended; says so.
-    void Reap()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_service && !m_service.Running()) {
-            SayEnded("; the page stays until Ctrl-C");
-            m_service = proc::Child();
-        }
-    }
-    // Ends the service it started, if it runs; bSignalled: the terminal's
-    // Ctrl-C reached it already.
-    void Stop(bool bSignalled)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (!m_service)
-            return;
-        if (m_service.Running()) {
-            std::fprintf(stderr, "%sstopping: the watchdog timer may take up to 6 s\n",
-                         isatty(STDERR_FILENO) ? "\n" : "");
-            if (!bSignalled)
-                m_service.Signal(SIGTERM);
-            // A service that ignores SIGTERM is not waited for forever.
-            if (!m_service.Wait(std::chrono::seconds(20)))
-                m_service.Stop(std::chrono::milliseconds(0));
-        }
-        SayEnded("");
-        m_service = proc::Child();
-    }
-
-private:
-    void SayEnded(const char *after)
-    {
-        const std::string text = hosttv::EndText(m_service.Status().value_or(0));
-        std::fprintf(stderr, "lumora-tv: %s (pid %d)%s\n", text.empty() ? "the service ended" : text.c_str(),
-                     m_service.Pid(), after);
-    }
-
-    std::mutex m_mutex;
-    proc::Child m_service;
-};
-
-} // namespace
-
 int Web(const Args &args)
 {
     std::string listenText = "127.0.0.1:8080";
@@ -97,8 +37,23 @@ int Web(const Args &args)
     hostweb::Options options;
     options.listen = *listen;
     options.wwwDir = hostweb::DefaultWwwDir();
-    Child child;
-    options.start = [&child](const std::string &name) { return child.Start(name); };
+    const bool bTerminal = isatty(STDERR_FILENO);
+    bool bEnding = false; // this command is ending, its service with it
+    hosttv::OwnedService child({
+        [](const hosttv::RunPlan &plan) { std::fprintf(stderr, "lumora-tv: %s\n", hosttv::PlanText(plan).c_str()); },
+        [](int pid, const std::string &binary) {
+            std::fprintf(stderr, "lumora-tv: started %s (pid %d); Ctrl-C here ends it with the page\n", binary.c_str(),
+                         pid);
+        },
+        [bTerminal] {
+            std::fprintf(stderr, "%sstopping: the watchdog timer may take up to 6 s\n", bTerminal ? "\n" : "");
+        },
+        [&bEnding](int pid, const std::string &endText) {
+            std::fprintf(stderr, "lumora-tv: %s (pid %d)%s\n", endText.empty() ? "the service ended" : endText.c_str(),
+                         pid, bEnding ? "" : "; the page stays until Ctrl-C");
+        },
+    });
+    options.service = &child;
     if (access((options.wwwDir + "/index.html").c_str(), R_OK) != 0)
         throw hosttv::Error(hosttv::Error::Kind::kCannot,
                             "the page's files are missing: " + options.wwwDir + "/index.html; build this tree first");
@@ -141,6 +96,7 @@ int Web(const Args &args)
         if (serveError) {
             std::fprintf(stderr, "lumora-tv: the page's server stopped taking connections on %s: %s; start it again\n",
                          listenText.c_str(), std::strerror(serveError));
+            bEnding = true;
             child.Stop(false);
             server.Stop();
             serving.join();
@@ -150,6 +106,7 @@ int Web(const Args &args)
     // The terminal's Ctrl-C reached the service too; a signal sent to this
     // process alone did not.
     const proc::StopSignals::Received got = *signals.Got();
+    bEnding = true;
     child.Stop(got.bFromTerminal);
     server.Stop();
     serving.join();

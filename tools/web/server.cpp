@@ -22,10 +22,6 @@
 #include <unistd.h>
 
 #include "hosttv/json.h"
-#include "tvhost/log.h"
-#include "tvhost/notification_screen.h"
-#include "tvhost/parse.h"
-#include "tvhost/tvhost.h"
 
 namespace fs = std::filesystem;
 
@@ -306,7 +302,7 @@ public:
     {
         // The page shows what the TV's drawing shows, and no more of a text.
         for (auto &r : popups)
-            r = tvhost::notifications::AsDrawn(r);
+            r = hosttv::AsDrawn(r);
         std::lock_guard<std::mutex> lock(m_mutex);
         m_status = std::move(status);
         m_popups = std::move(popups);
@@ -433,12 +429,12 @@ private:
     {
         constexpr size_t kMaxLogText = 4096;
         if (text.size() <= kMaxLogText)
-            return tvhost::log::ForTerminal(text);
+            return hosttv::ForTerminal(text);
         size_t cut = kMaxLogText;
         while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80)
             --cut;
-        return tvhost::log::ForTerminal(std::string_view(text).substr(0, cut)) + "\u2026 (" +
-               std::to_string(text.size()) + " bytes in all)";
+        return hosttv::ForTerminal(std::string_view(text).substr(0, cut)) + "\u2026 (" + std::to_string(text.size()) +
+               " bytes in all)";
     }
 
     bool LogNews(const Cursor &cursor) const
@@ -538,7 +534,7 @@ std::optional<Listen> ParseListen(const std::string &text)
     const std::string port = text.substr(colon + 1);
     if (port.empty() || port.size() > 5 || port.find_first_not_of("0123456789") != std::string::npos)
         return std::nullopt;
-    if (!tvhost::ParseInt(port, listen.port) || listen.port > 65535 || !IsIpLiteral(listen.host))
+    if (!hosttv::ParseInt(port, listen.port) || listen.port > 65535 || !IsIpLiteral(listen.host))
         return std::nullopt;
     return listen;
 }
@@ -593,7 +589,7 @@ struct Server::Impl {
         // Refused before httplib reads it: it would read a body over the limit to drop it.
         size_t length = 0;
         if (req.has_header("Content-Length") &&
-            (!tvhost::ParseInt(req.get_header_value("Content-Length"), length) || length > options.maxBody)) {
+            (!hosttv::ParseInt(req.get_header_value("Content-Length"), length) || length > options.maxBody)) {
             ReplyError(res, 413, "request body over the limit of " + std::to_string(options.maxBody) + " bytes");
             return httplib::Server::HandlerResponse::Handled;
         }
@@ -704,7 +700,7 @@ struct Server::Impl {
                                                              : StringField(body, "text");
             hosttv::EventOutcome sent = hosttv::SendEvent(number, text, std::chrono::milliseconds(500));
             for (auto &r : sent.shown)
-                r = tvhost::notifications::AsDrawn(r);
+                r = hosttv::AsDrawn(r);
             JsonValue outcome = hosttv::ToJson(sent);
             hub.AddActivity({{"kind", "event"}, {"number", number}, {"outcome", outcome}});
             return outcome;
@@ -713,10 +709,10 @@ struct Server::Impl {
             return JsonValue{{"pid", hosttv::StopService(std::chrono::seconds(15))}};
         });
         Post("/api/start", [this](const JsonValue &body) {
-            if (!options.start)
+            if (!options.service)
                 throw ApiError{409, "this page's server cannot start the service: use lumora-tv run"};
             const std::string scenario = body.contains("scenario") ? StringField(body, "scenario") : "";
-            const int pid = options.start(scenario);
+            const int pid = options.service->Start(scenario);
             hub.AddActivity({{"kind", "start"}, {"pid", pid}, {"scenario", scenario}});
             return JsonValue{{"pid", pid}};
         });
@@ -761,8 +757,8 @@ struct Server::Impl {
     void Icon(const httplib::Request &req, httplib::Response &res)
     {
         int item = 0, button = 0;
-        if (!tvhost::ParseInt(req.get_param_value("item"), item) ||
-            !tvhost::ParseInt(req.get_param_value("button"), button))
+        if (!hosttv::ParseInt(req.get_param_value("item"), item) ||
+            !hosttv::ParseInt(req.get_param_value("button"), button))
             return ReplyError(res, 400, "give item and button as whole numbers");
         std::optional<std::string> path;
         for (const auto &r : hub.OnScreen())
@@ -774,7 +770,7 @@ struct Server::Impl {
                                   " on screen");
         std::error_code ec;
         const fs::path file = fs::canonical(*path, ec);
-        const std::string root = fs::canonical(tvhost::Root(), ec).string() + "/";
+        const std::string root = fs::canonical(hosttv::Root(), ec).string() + "/";
         const char *mime = MimeType(file);
         if (ec || file.string().compare(0, root.size(), root) != 0 || !mime || !fs::is_regular_file(file, ec))
             return ReplyError(res, 404, "the icon is not an image inside the TV root");

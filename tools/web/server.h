@@ -11,6 +11,10 @@
 #include <string>
 #include <vector>
 
+namespace hosttv {
+class OwnedService;
+}
+
 namespace hostweb {
 
 struct Listen {
@@ -29,9 +33,9 @@ struct Options {
     size_t maxBody = 256 * 1024; // larger request bodies are refused (413)
     int maxStreams = 8;          // open pages at once; one more is refused (503)
     std::chrono::milliseconds poll{250};
-    // Starts the service, as this process's child, with a scenario (empty:
-    // the default one); its pid. Unset: the page cannot start one.
-    std::function<int(const std::string &scenario)> start;
+    // The service the page's Start starts, as this process's child, and owns;
+    // none: the page cannot start one.
+    hosttv::OwnedService *service = nullptr;
 };
 
 class Server {
