@@ -152,13 +152,15 @@ const Command kCommands[] = {
      "standard input (-) as its first parameter; prints what the host TV saw happen. --wait: how long to wait for "
      "the engine's answer (default 10 s; a large text takes longer)",
      Event, EventSection},
-    {kViewer, "scenario", "scenario --from-log LOG [--out FILE] [--session N] [--gap MS]", 2, kAny,
+    {kViewer, "scenario", "scenario --from-log LOG|- [--out FILE] [--session N] [--gap MS]", 2, kAny,
      "one replay file (the engine's mode file with the TV's side) from the run of the service in a TV's log, plain "
-     "or gzip; --session picks a run (default the last), --gap the time between steps of a log without times "
+     "or gzip (- reads standard input); --session picks a run (default the last), --gap the time between steps of a "
+     "log without times "
      "(default 1000)",
      Scenario},
-    {kViewer, "replay", "replay LOG|FILE [--speed X] [--session N] [--gap MS]", 1, kAny,
-     "reproduce a TV from its log or a replay file: a fresh host TV in the log's start state runs the service "
+    {kViewer, "replay", "replay LOG|FILE|- [--speed X] [--session N] [--gap MS]", 1, kAny,
+     "reproduce a TV from its log or a replay file (- reads standard input): a fresh host TV in the log's start state "
+     "runs the service "
      "with the logged events and the viewer's actions, draws each pop-up, and compares; exit 1 when the host TV "
      "did something else",
      Replay},

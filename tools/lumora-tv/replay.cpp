@@ -121,7 +121,7 @@ int Scenario(const Args &args)
                  plan.bTimed ? ""
                              : ("; no times in the log, " + std::to_string(o.gapMs) + " ms between steps").c_str());
     for (const auto &note : plan.notes)
-        std::fprintf(stderr, "lumora-tv: %s\n", note.c_str());
+        std::fprintf(stderr, "lumora-tv: %s\n", hosttv::ForTerminal(note).c_str());
     return kDone;
 }
 
@@ -173,8 +173,8 @@ int Replay(const Args &args)
         std::printf("\ndifferences (log line: the TV logged | the host TV did):\n");
     for (const auto &d : diffs)
         std::printf("  line %zu: %s | %s\n", d.logged ? d.logged->line : size_t{0},
-                    d.logged ? tvlog::Describe(*d.logged).c_str() : "nothing",
-                    d.replayed ? tvlog::Describe(*d.replayed).c_str() : "nothing");
+                    d.logged ? hosttv::ForTerminal(tvlog::Describe(*d.logged)).c_str() : "nothing",
+                    d.replayed ? hosttv::ForTerminal(tvlog::Describe(*d.replayed)).c_str() : "nothing");
     bool bCut = false;
     for (const auto &s : plan.steps)
         if (s.kind == tvlog::StepKind::kEvent && !s.bWellFormed) {
@@ -184,9 +184,9 @@ int Replay(const Args &args)
             std::printf("  line %zu: event %d: as logged; the log may have cut it\n", s.line, s.event);
         }
     for (const auto &note : plan.notes)
-        std::printf("  note: %s\n", note.c_str());
+        std::printf("  note: %s\n", hosttv::ForTerminal(note).c_str());
     for (const auto &p : result.problems)
-        std::printf("  could not replay: %s\n", p.c_str());
+        std::printf("  could not replay: %s\n", hosttv::ForTerminal(p).c_str());
     const bool bSame = result.Same();
     std::printf("\n%s: %zu of %zu outcomes as logged (pop-ups, launches, power-off)\n",
                 bSame ? "the host TV did what the TV logged" : "the host TV differs from the log",
