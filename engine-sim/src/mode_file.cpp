@@ -18,6 +18,7 @@
 
 #include "mode.h"
 #include "tvhost/parse.h"
+#include "tvhost/untrusted_xml.h"
 
 namespace qorvsim {
 
@@ -28,71 +29,6 @@ constexpr long kMaxRepeat = 10000000;
 constexpr int kMaxXmlErrors = 10;
 // A mode file is a few kilobytes; a replay file holds a log's event texts.
 constexpr size_t kMaxFile = size_t{256} << 20;
-constexpr size_t kMaxAttributes = 256;
-
-bool StartsWith(const char *p, const char *pEnd, const char *pWord)
-{
-    const size_t n = std::strlen(pWord);
-    return static_cast<size_t>(pEnd - p) >= n && std::memcmp(p, pWord, n) == 0;
-}
-
-const char *After(const char *p, const char *pEnd, const char *pWord)
-{
-    const char *pFound = std::search(p, pEnd, pWord, pWord + std::strlen(pWord));
-    return pFound == pEnd ? nullptr : pFound + std::strlen(pWord);
-}
-
-// The service's guard for engine texts, for a file from outside: libxml2
-// compares a start tag's attributes pairwise, so one with hundreds of
-// thousands of them takes minutes. Each attribute takes one '=' outside
-// its quoted value; comments, CDATA and processing instructions are skipped.
-bool HasCrowdedStartTag(const char *p, const char *pEnd)
-{
-    if (static_cast<size_t>(std::count(p, pEnd, '=')) <= kMaxAttributes)
-        return false;
-    while (p && p < pEnd) {
-        p = static_cast<const char *>(std::memchr(p, '<', static_cast<size_t>(pEnd - p)));
-        if (!p)
-            return false;
-        ++p;
-        if (StartsWith(p, pEnd, "!--"))
-            p = After(p + 3, pEnd, "-->");
-        else if (StartsWith(p, pEnd, "![CDATA["))
-            p = After(p + 8, pEnd, "]]>");
-        else if (StartsWith(p, pEnd, "?"))
-            p = After(p + 1, pEnd, "?>");
-        else
-            for (size_t n = 0; p < pEnd && *p != '>' && *p != '<'; ++p) {
-                if (*p == '"' || *p == '\'') {
-                    p = static_cast<const char *>(std::memchr(p + 1, *p, static_cast<size_t>(pEnd - p - 1)));
-                    if (!p)
-                        return false;
-                } else if (*p == '=' && ++n > kMaxAttributes) {
-                    return true;
-                }
-            }
-    }
-    return false;
-}
-
-// A document type or entity declaration stops the parse before anything is
-// declared, defaulted or expanded, as for an engine's text.
-void OnDeclaration(void *pContext)
-{
-    xmlParserCtxtPtr pCtxt = static_cast<xmlParserCtxtPtr>(pContext);
-    *static_cast<bool *>(pCtxt->_private) = true;
-    xmlStopParser(pCtxt);
-}
-
-void OnInternalSubset(void *pContext, const xmlChar *, const xmlChar *, const xmlChar *)
-{
-    OnDeclaration(pContext);
-}
-
-void OnEntityDecl(void *pContext, const xmlChar *, int, const xmlChar *, const xmlChar *, xmlChar *)
-{
-    OnDeclaration(pContext);
-}
 
 bool Is(const xmlNode *pNode, const char *pName)
 {
@@ -465,31 +401,18 @@ Mode LoadMode(const std::string &strPath, const std::function<void(const std::st
         report(strPath + ": larger than " + std::to_string(kMaxFile >> 20) + " MiB; empty home, no scenario");
         return mode;
     }
-    if (HasCrowdedStartTag(strText.data(), strText.data() + strText.size())) {
-        report(strPath + ": a start tag with more than " + std::to_string(kMaxAttributes) +
-               " attributes; empty home, no scenario");
-        return mode;
-    }
-
     XmlErrors errors{&report, strPath};
     // Error handlers are per thread in libxml2; this one only sees this parse.
     xmlSetStructuredErrorFunc(&errors, OnXmlError);
-    xmlParserCtxtPtr pCtxt = xmlCreateMemoryParserCtxt(strText.data(), static_cast<int>(strText.size()));
-    xmlDoc *pDoc = nullptr;
-    bool bDeclared = false;
-    if (pCtxt) {
-        xmlCtxtUseOptions(pCtxt, XML_PARSE_RECOVER | XML_PARSE_NONET | XML_PARSE_BIG_LINES);
-        pCtxt->_private = &bDeclared;
-        pCtxt->sax->internalSubset = OnInternalSubset;
-        pCtxt->sax->entityDecl = OnEntityDecl;
-        xmlParseDocument(pCtxt);
-        pDoc = pCtxt->myDoc;
-        pCtxt->myDoc = nullptr;
-        xmlFreeParserCtxt(pCtxt);
-    }
+    const tvhost::xml::Untrusted parsed = tvhost::xml::ParseUntrusted(strText, XML_PARSE_RECOVER);
     xmlSetStructuredErrorFunc(nullptr, nullptr);
-    if (bDeclared) {
-        xmlFreeDoc(pDoc);
+    xmlDoc *pDoc = parsed.doc;
+    if (parsed.bCrowded) {
+        report(strPath + ": a start tag with more than " + std::to_string(tvhost::xml::kMaxAttributes) +
+               " attributes; empty home, no scenario");
+        return mode;
+    }
+    if (parsed.bDeclared) {
         report(strPath + ": declares a document type or an entity, which a mode file never needs; refused: empty "
                          "home, no scenario");
         return mode;

@@ -9,6 +9,7 @@
 #include <zlib.h>
 
 #include "tvhost/parse.h"
+#include "tvhost/untrusted_xml.h"
 #include "tvlog/tvlog.h"
 
 namespace tvlog {
@@ -109,67 +110,6 @@ long Number(xmlNode *node, const char *name)
         throw Error("line " + std::to_string(xmlGetLineNo(node)) + ": " + name + "=\"" + text.substr(0, 40) +
                     "\" is not a whole number");
     return value;
-}
-
-bool StartsWith(const char *p, const char *pEnd, const char *word)
-{
-    const size_t n = std::strlen(word);
-    return static_cast<size_t>(pEnd - p) >= n && std::memcmp(p, word, n) == 0;
-}
-
-const char *After(const char *p, const char *pEnd, const char *word)
-{
-    const char *found = std::search(p, pEnd, word, word + std::strlen(word));
-    return found == pEnd ? nullptr : found + std::strlen(word);
-}
-
-// One pass: does a start tag carry more than nMax attributes? Each takes
-// one '=' outside its quoted value; comments, CDATA and processing
-// instructions are skipped as libxml2 skips them.
-bool HasCrowdedStartTag(const char *p, const char *pEnd, size_t nMax)
-{
-    if (static_cast<size_t>(std::count(p, pEnd, '=')) <= nMax)
-        return false;
-    while (p && p < pEnd) {
-        p = static_cast<const char *>(std::memchr(p, '<', static_cast<size_t>(pEnd - p)));
-        if (!p)
-            return false;
-        ++p;
-        if (StartsWith(p, pEnd, "!--"))
-            p = After(p + 3, pEnd, "-->");
-        else if (StartsWith(p, pEnd, "![CDATA["))
-            p = After(p + 8, pEnd, "]]>");
-        else if (StartsWith(p, pEnd, "?"))
-            p = After(p + 1, pEnd, "?>");
-        else
-            for (size_t n = 0; p < pEnd && *p != '>' && *p != '<'; ++p) {
-                if (*p == '"' || *p == '\'') {
-                    p = static_cast<const char *>(std::memchr(p + 1, *p, static_cast<size_t>(pEnd - p - 1)));
-                    if (!p)
-                        return false;
-                } else if (*p == '=' && ++n > nMax) {
-                    return true;
-                }
-            }
-    }
-    return false;
-}
-
-void OnDeclaration(void *context)
-{
-    auto *ctxt = static_cast<xmlParserCtxtPtr>(context);
-    *static_cast<bool *>(ctxt->_private) = true;
-    xmlStopParser(ctxt);
-}
-
-void OnInternalSubset(void *context, const xmlChar *, const xmlChar *, const xmlChar *)
-{
-    OnDeclaration(context);
-}
-
-void OnEntityDecl(void *context, const xmlChar *, int, const xmlChar *, const xmlChar *, xmlChar *)
-{
-    OnDeclaration(context);
 }
 
 // At most max bytes of a file, plain or gzip-compressed; more is refused.
@@ -273,41 +213,9 @@ std::string WriteReplayFile(const Plan &plan, const std::string &source)
 
 _xmlDoc *ParseUntrusted(const std::string &text, std::string &error)
 {
-    constexpr size_t kMaxAttributes = 256;
-    if (text.size() > static_cast<size_t>(INT32_MAX)) {
-        error = "larger than 2 GiB";
-        return nullptr;
-    }
-    if (HasCrowdedStartTag(text.data(), text.data() + text.size(), kMaxAttributes)) {
-        error = "a start tag with more than " + std::to_string(kMaxAttributes) + " attributes";
-        return nullptr;
-    }
-    xmlParserCtxtPtr ctxt = xmlCreateMemoryParserCtxt(text.data(), static_cast<int>(text.size()));
-    if (!ctxt) {
-        error = "out of memory";
-        return nullptr;
-    }
-    xmlCtxtUseOptions(ctxt, XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_BIG_LINES);
-    bool bDeclared = false;
-    ctxt->_private = &bDeclared;
-    ctxt->sax->internalSubset = OnInternalSubset;
-    ctxt->sax->entityDecl = OnEntityDecl;
-    xmlParseDocument(ctxt);
-    xmlDocPtr doc = ctxt->myDoc;
-    ctxt->myDoc = nullptr;
-    if (bDeclared)
-        error = "a document type or entity declaration (refused, as in an engine's text)";
-    else if (!ctxt->wellFormed)
-        error = "line " + std::to_string(ctxt->lastError.line) + ": " +
-                (ctxt->lastError.message ? ctxt->lastError.message : "not well-formed");
-    if (bDeclared || !ctxt->wellFormed) {
-        xmlFreeDoc(doc);
-        doc = nullptr;
-        while (!error.empty() && (error.back() == '\n' || error.back() == ' '))
-            error.pop_back();
-    }
-    xmlFreeParserCtxt(ctxt);
-    return doc;
+    tvhost::xml::Untrusted parsed = tvhost::xml::ParseUntrusted(text, XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+    error = parsed.error;
+    return parsed.doc;
 }
 
 bool IsReplayFile(const std::string &path)
