@@ -16,10 +16,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class LumoraFault : public ::testing::Test {
+class LumoraFault : public HostTvTest {
 protected:
-    void SetUp() override { ASSERT_EQ(LumoraTv({"reset"}).status, 0); }
-    void TearDown() override { LeaveHostTvFresh(); }
 };
 
 // Swaps the engine library of the TV root for a test's stand-in, and puts the

@@ -3,6 +3,7 @@
 // hang; a device's name with terminal controls printed escaped by every
 // command that shows it. And the shipped files: every XML file is
 // well-formed, every sample log replays as logged.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -172,10 +173,10 @@ TEST_P(LumoraHostileFiles, RefusedWithWhyUnderAnAddressSpaceLimit)
     const auto started = std::chrono::steady_clock::now();
     const LimitedRun r = LumoraTvLimited(f.args(), input);
     EXPECT_EQ(r.status, f.status) << r.out;
-    EXPECT_NE(r.out.find(f.says), std::string::npos) << r.out;
+    EXPECT_THAT(r.out, ::testing::HasSubstr(f.says)) << r.out;
     // A log's changed clock drops no record: the sample's five outcomes, its power-off among them.
     if (f.status == 0) {
-        EXPECT_NE(r.out.find(" 5 outcomes"), std::string::npos) << r.out;
+        EXPECT_THAT(r.out, ::testing::HasSubstr(" 5 outcomes")) << r.out;
     }
     std::printf(
         "%s: %lld ms\n", f.name,
@@ -186,13 +187,13 @@ TEST_P(LumoraHostileFiles, RefusedWithWhyUnderAnAddressSpaceLimit)
 INSTANTIATE_TEST_SUITE_P(Files, LumoraHostileFiles, ::testing::ValuesIn(kFiles),
                          [](const auto &info) { return std::string(info.param.name); });
 
-TEST(LumoraHostileOutput, ADevicesControlsReachNoTerminalThroughACommand)
+using LumoraHostileOutput = HostTvTest;
+
+TEST_F(LumoraHostileOutput, ADevicesControlsReachNoTerminalThroughACommand)
 {
-    using namespace std::chrono_literals;
-    ASSERT_EQ(LumoraTv({"reset"}).status, 0);
     Supervisor tv;
     tv.Start({"--scenario", "quiet"});
-    ASSERT_TRUE(tv.WaitForLog("LumoraManager::Construct SetSystemLanguage strReturn = OK", 300s)) << tv.Log();
+    ASSERT_TRUE(tv.WaitForLog("LumoraManager::Construct SetSystemLanguage strReturn = OK", kHangGuard)) << tv.Log();
     // A CSI (U+009B; XML takes no ESC) and a right-to-left override in the name.
     const std::string name = "Living\xc2\x9b"
                              "2J\xe2\x80\xae"
@@ -208,11 +209,10 @@ TEST(LumoraHostileOutput, ADevicesControlsReachNoTerminalThroughACommand)
     for (const LumoraTvResult *r : {&event, &brief, &press}) {
         EXPECT_EQ(r->status, 0) << r->out << r->err;
         for (const char *raw : {"\xc2\x9b", "\xe2\x80\xae"})
-            EXPECT_EQ(r->out.find(raw), std::string::npos) << r->out;
+            EXPECT_THAT(r->out, ::testing::Not(::testing::HasSubstr(raw))) << r->out;
     }
-    EXPECT_NE(event.out.find("Living\\u009b2J\\u202eroom"), std::string::npos) << event.out;
+    EXPECT_THAT(event.out, ::testing::HasSubstr("Living\\u009b2J\\u202eroom")) << event.out;
     tv.Terminate();
-    LeaveHostTvFresh();
 }
 
 TEST(LumoraShippedFiles, EveryXmlFileIsWellFormed)
@@ -230,9 +230,10 @@ TEST(LumoraShippedFiles, EveryXmlFileIsWellFormed)
     EXPECT_GE(n, 9u);
 }
 
-TEST(LumoraShippedFiles, EverySampleLogReplaysAsLogged)
+using LumoraShippedLogs = HostTvTest;
+
+TEST_F(LumoraShippedLogs, EverySampleLogReplaysAsLogged)
 {
-    ASSERT_EQ(LumoraTv({"reset"}).status, 0);
     size_t n = 0;
     for (const auto &entry : fs::directory_iterator(fs::path(LUMORA_SOURCE_DIR) / "tools/tvlog/samples")) {
         ++n;
@@ -241,5 +242,4 @@ TEST(LumoraShippedFiles, EverySampleLogReplaysAsLogged)
         EXPECT_EQ(r.status, 0) << Describe(args, r);
     }
     EXPECT_GE(n, 1u);
-    LeaveHostTvFresh();
 }

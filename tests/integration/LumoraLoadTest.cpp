@@ -20,9 +20,10 @@ using namespace std::chrono_literals;
 constexpr auto kLoadTime = 60s;
 constexpr int kRounds = 20000;
 
-TEST(LumoraLoad, AStormWithPressesAndLanguageFlipsKeepsTheServiceUpAndFed)
+using LumoraLoad = HostTvTest;
+
+TEST_F(LumoraLoad, AStormWithPressesAndLanguageFlipsKeepsTheServiceUpAndFed)
 {
-    ASSERT_EQ(LumoraTv({"reset"}).status, 0);
     Supervisor tv;
     tv.Start({"--scenario", "storm"});
     ASSERT_TRUE(tv.WaitForLog(">Success to start qorv!", kHangGuard)) << tv.Log().substr(0, 4000);

@@ -1,5 +1,6 @@
 // A TV reproduced from its log: the demo run with the viewer's actions, its
 // log written in each form, replayed by lumora-tv on a fresh host TV.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -11,10 +12,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
-class LumoraReplay : public ::testing::Test {
+class LumoraReplay : public HostTvTest {
 protected:
-    void TearDown() override { LeaveHostTvFresh(); }
-
     // The demo tour, twice as fast, with the log in form; the log's path.
     std::string RunDemo(const std::string &form)
     {
@@ -63,13 +62,13 @@ TEST_F(LumoraReplay, TheDemoReplaysAsLoggedFromEachLogFormAndAnEditedLogDiffers)
         // The TV refused the power-off: one line of the log changed.
         std::string edited = ReadFile(log);
         const std::string ok = "CLumoraTvControl success to power off the TV!";
-        ASSERT_NE(edited.find(ok), std::string::npos);
+        ASSERT_THAT(edited, ::testing::HasSubstr(ok));
         edited.replace(edited.find(ok), ok.size(), "CLumoraTvControl failed to power off the TV!");
         const std::string path = testing::TempDir() + "/replay_edited.log";
         std::ofstream(path) << edited;
         r = LumoraTv({"replay", path, "--speed", "4"});
         EXPECT_EQ(r.status, 1) << r.out << r.err;
-        EXPECT_NE(r.out.find(": power-off refused | TV switched off\n"), std::string::npos) << r.out;
+        EXPECT_THAT(r.out, ::testing::HasSubstr(": power-off refused | TV switched off\n")) << r.out;
     }
 }
 
@@ -95,7 +94,7 @@ TEST_F(LumoraReplay, BadInputChangesNothingOnTheHostTv)
     for (const auto &c : cases) {
         LumoraTvResult r = LumoraTv(c.args);
         EXPECT_EQ(r.status, c.status) << Describe(c.args, r);
-        EXPECT_NE(r.err.find(c.message), std::string::npos) << Describe(c.args, r);
+        EXPECT_THAT(r.err, ::testing::HasSubstr(c.message)) << Describe(c.args, r);
     }
     EXPECT_EQ(LumoraTv({"get", "db/menu_widget/language"}).out, "fr_FR.UTF-8\n");
 }

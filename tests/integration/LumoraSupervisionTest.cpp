@@ -51,11 +51,7 @@ protected:
 };
 std::unique_ptr<Supervisor> LumoraSupervision::tv;
 
-class LumoraStartedDirectly : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_EQ(LumoraTv({"reset"}).status, 0); }
-    void TearDown() override { LeaveHostTvFresh(); }
-};
+using LumoraStartedDirectly = HostTvTest;
 
 } // namespace
 

@@ -1,5 +1,6 @@
 // `lumora-tv web` without a browser: what it refuses, and open pages kept in
 // step over their event streams, beside a service a supervisor runs.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -76,11 +77,7 @@ private:
     int m_fd;
 };
 
-class LumoraWeb : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_EQ(LumoraTv({"reset"}).status, 0) << "a service runs on this host TV"; }
-    void TearDown() override { LeaveHostTvFresh(); }
-};
+using LumoraWeb = HostTvTest;
 
 } // namespace
 
@@ -114,7 +111,7 @@ TEST_F(LumoraWeb, RefusesForeignPagesLargeBodiesAndBadJsonWithAText)
         EXPECT_EQ(res->status, c.status) << c.what << ": " << res->body;
         const Json answer = Json::parse(res->body, nullptr, false);
         ASSERT_TRUE(answer.is_object() && answer["error"].is_string()) << c.what << ": " << res->body;
-        EXPECT_NE(answer["error"].get<std::string>().find(c.error), std::string::npos) << c.what << ": " << res->body;
+        EXPECT_THAT(answer["error"].get<std::string>(), ::testing::HasSubstr(c.error)) << c.what << ": " << res->body;
     }
     // Reading is guarded too: another site's page must not see the TV either.
     const auto res = client.Get("/api/state", {{"Host", "attacker.example"}});
@@ -128,7 +125,7 @@ TEST_F(LumoraWeb, RefusesForeignPagesLargeBodiesAndBadJsonWithAText)
     const auto again = client.Post("/api/start", "{}", "application/json");
     ASSERT_TRUE(again);
     EXPECT_EQ(again->status, 409) << again->body;
-    EXPECT_NE(again->body.find("already runs"), std::string::npos) << again->body;
+    EXPECT_THAT(again->body, ::testing::HasSubstr("already runs")) << again->body;
     EXPECT_EQ(Interrupt(web), 130);
     EXPECT_NE(kill(pid, 0), 0) << "the page's service outlived its server";
 }

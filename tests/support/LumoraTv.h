@@ -2,6 +2,8 @@
 // shell would, and collects what it printed and its exit status.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
 
@@ -31,3 +33,15 @@ std::vector<std::string> Popups();
 // fresh state of `lumora-tv reset` (so no scenario stays in the data folder)
 // and the network following the machine again.
 void LeaveHostTvFresh();
+
+// The fixture of the integration suites: each test starts from the fresh host
+// TV (a service left running fails it at once) and leaves it fresh, whatever
+// its assertions did.
+class HostTvTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(LumoraTv({"reset"}).status, 0) << "a service runs on this host TV"; }
+    void TearDown() override { LeaveHostTvFresh(); }
+};
+
+template <typename Param>
+class HostTvTestWithParam : public HostTvTest, public ::testing::WithParamInterface<Param> {};

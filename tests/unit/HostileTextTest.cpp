@@ -1,6 +1,7 @@
 // Engine texts built to make the service expand, do quadratic work or steer
 // a terminal: every parser refuses them as a text that does not parse, or
 // takes them as plain data, and the host TV shows nothing of them raw.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -122,7 +123,7 @@ TEST(HostileText, APopUpDrawsNoControlAndBoundsAnyText)
         ASSERT_FALSE(c == 0xC2 && next.size() > 1 && static_cast<unsigned char>(next[1]) <= 0x9F) << i;
         ASSERT_TRUE(next != "\u202e" && next != "\u2066") << i;
     }
-    EXPECT_EQ(box.find("\nD/FORGED"), std::string::npos);
+    EXPECT_THAT(box, ::testing::Not(::testing::HasSubstr("\nD/FORGED")));
     size_t nLines = 0, nColumns = 0;
     for (size_t at = 0, end; at < box.size(); at = end + 1, ++nLines) {
         end = box.find('\n', at);
@@ -134,5 +135,5 @@ TEST(HostileText, APopUpDrawsNoControlAndBoundsAnyText)
     }
     EXPECT_EQ(nColumns, 68u) << box;
     EXPECT_LE(nLines, 32u) << box;
-    EXPECT_NE(box.find("\u2026"), std::string::npos) << box;
+    EXPECT_THAT(box, ::testing::HasSubstr("\u2026")) << box;
 }

@@ -2,6 +2,7 @@
 // the test's own: "<word>\n" is answered "echo <word>\n"; "bye" closes.
 // Framing, refusals and several requests on one connection are the engine
 // simulator's injection suite's.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -113,7 +114,7 @@ TEST_F(LocalSocket, AClientTricklingARequestHoldsUpNeitherOtherClientsNorTheStop
     trickler.join();
     // Still served: its request completes and it is answered.
     (void)!send(slow, "\nbye\n", 5, MSG_NOSIGNAL);
-    EXPECT_NE(ReadAll(slow).find("echo bye\n"), std::string::npos);
+    EXPECT_THAT(ReadAll(slow), ::testing::HasSubstr("echo bye\n"));
     close(slow);
 
     // A connection in the middle of a request, one that never sent anything:

@@ -1,4 +1,5 @@
 // The platform log reader and the replay plan made from what the service logged.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -230,7 +231,7 @@ TEST(TvLogReader, BadInputGetsAClearMessage)
             tvlog::PlanFromLog(c.path, {c.session, 1000});
             ADD_FAILURE() << c.path << " was taken";
         } catch (const tvlog::Error &e) {
-            EXPECT_NE(std::string(e.what()).find(c.message), std::string::npos) << e.what();
+            EXPECT_THAT(std::string(e.what()), ::testing::HasSubstr(c.message)) << e.what();
         }
     }
 }
