@@ -22,6 +22,8 @@
 #include <unistd.h>
 
 #include "hosttv/json.h"
+#include "web/address.h"
+#include "web/hub.h"
 
 namespace fs = std::filesystem;
 
@@ -37,38 +39,6 @@ struct ApiError {
     int status;
     std::string text;
 };
-
-bool IsIpLiteral(const std::string &host)
-{
-    unsigned char buffer[sizeof(in6_addr)];
-    return inet_pton(AF_INET, host.c_str(), buffer) == 1 || inet_pton(AF_INET6, host.c_str(), buffer) == 1;
-}
-
-bool IsLoopback(const std::string &host)
-{
-    return host == "::1" || host.compare(0, 4, "127.") == 0;
-}
-
-bool IsWildcard(const std::string &host)
-{
-    return host == "0.0.0.0" || host == "::";
-}
-
-// "host:port" as a browser writes it in Host and Origin.
-std::string HostPort(const std::string &host, int port)
-{
-    return (host.find(':') != std::string::npos ? "[" + host + "]" : host) + ":" + std::to_string(port);
-}
-
-std::string Now()
-{
-    const std::time_t t = std::time(nullptr);
-    std::tm tm{};
-    localtime_r(&t, &tm);
-    char text[16];
-    std::strftime(text, sizeof text, "%H:%M:%S", &tm);
-    return text;
-}
 
 // A regular file of at most max bytes, or nothing; no more than that is read.
 std::string ReadWhole(const std::string &path, size_t max)
@@ -287,189 +257,6 @@ private:
     size_t m_maxBody;
 };
 
-// What every open page sees, and the pages waiting for it to change.
-class Hub {
-public:
-    struct Cursor {
-        uint64_t state = 0;    // the state version last sent
-        uint64_t log = 0;      // the last log line sent
-        bool bLogSent = false; // a first chunk went out: later ones continue it
-        uint64_t logRun = 0;   // of the log as it was then
-    };
-
-    // The host TV as the watcher last saw it.
-    void SetTv(JsonValue status, std::vector<tvhost::notifications::Record> popups)
-    {
-        // The page shows what the TV's drawing shows, and no more of a text.
-        for (auto &r : popups)
-            r = hosttv::AsDrawn(r);
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_status = std::move(status);
-        m_popups = std::move(popups);
-        PublishLocked();
-    }
-
-    // Something a page did, for every page: a press and what it launched, an event and what it showed.
-    void AddActivity(JsonValue entry)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        entry["time"] = Now();
-        m_activity.push_back(std::move(entry));
-        if (m_activity.size() > kMaxActivity)
-            m_activity.pop_front();
-        PublishLocked();
-    }
-
-    std::string State()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_state;
-    }
-
-    std::vector<tvhost::notifications::Record> OnScreen()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_popups;
-    }
-
-    // New records of the service's log; bRestarted: a new run began it afresh.
-    void AddLog(const std::vector<hosttv::LogLine> &lines, bool bRestarted)
-    {
-        if (lines.empty() && !bRestarted)
-            return;
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (bRestarted) {
-            m_log.clear();
-            ++m_logRun;
-        }
-        for (const hosttv::LogLine &l : lines) {
-            m_log.push_back({++m_logSeq, hosttv::Dump({{"stamp", l.stamp},
-                                                       {"level", std::string(1, l.level)},
-                                                       {"pid", l.pid},
-                                                       {"tid", l.tid},
-                                                       {"tag", l.tag},
-                                                       {"text", LogText(l.text)}})});
-            if (m_log.size() > kMaxLog)
-                m_log.pop_front();
-        }
-        m_changed.notify_all();
-    }
-
-    // The next message of a stream: what changed since cursor, or a comment
-    // after wait (a write is how a closed page is noticed); nothing once
-    // the server stops.
-    std::optional<std::string> Next(Cursor &cursor, std::chrono::milliseconds wait)
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait_for(lock, wait, [&] { return m_bStopping || cursor.state != m_version || LogNews(cursor); });
-        if (m_bStopping)
-            return std::nullopt;
-        std::string out;
-        if (cursor.state != m_version) {
-            cursor.state = m_version;
-            out = "event: state\ndata: " + m_state + "\n\n";
-        }
-        if (LogNews(cursor)) {
-            // A page that is new, or behind a restart, starts over with what is kept.
-            const bool bAfresh = !cursor.bLogSent || cursor.logRun != m_logRun;
-            std::string lines;
-            size_t n = 0;
-            for (const auto &entry : m_log) {
-                if ((bAfresh || entry.first > cursor.log) && n++ < kMaxLogPerMessage) {
-                    lines += (lines.empty() ? "" : ",") + entry.second;
-                    cursor.log = entry.first;
-                }
-            }
-            if (bAfresh && m_log.empty())
-                cursor.log = m_logSeq;
-            cursor.bLogSent = true;
-            cursor.logRun = m_logRun;
-            out += "event: log\ndata: {\"restarted\":" + std::string(bAfresh ? "true" : "false") + ",\"lines\":[" +
-                   lines + "]}\n\n";
-        }
-        return out.empty() ? ": still here\n\n" : out;
-    }
-
-    // The watcher sleeps until its next poll, or until an action asks for one now.
-    void Sleep(std::chrono::milliseconds wait)
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_poked.wait_for(lock, wait, [&] { return m_bStopping || m_bPoked; });
-        m_bPoked = false;
-    }
-    void Poke()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_bPoked = true;
-        m_poked.notify_all();
-    }
-
-    void Stop()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_bStopping = true;
-        m_changed.notify_all();
-        m_poked.notify_all();
-    }
-    bool Stopping()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_bStopping;
-    }
-
-private:
-    static constexpr size_t kMaxActivity = 20;
-    static constexpr size_t kMaxLog = 5000;
-    static constexpr size_t kMaxLogPerMessage = 500;
-
-    // A record's text as the page shows it: escaped as on a terminal (no
-    // control steers the page's direction of text) and cut, so that the
-    // kept log stays small whatever the service logged.
-    static std::string LogText(const std::string &text)
-    {
-        constexpr size_t kMaxLogText = 4096;
-        if (text.size() <= kMaxLogText)
-            return hosttv::ForTerminal(text);
-        size_t cut = kMaxLogText;
-        while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80)
-            --cut;
-        return hosttv::ForTerminal(std::string_view(text).substr(0, cut)) + "\u2026 (" + std::to_string(text.size()) +
-               " bytes in all)";
-    }
-
-    bool LogNews(const Cursor &cursor) const
-    {
-        return !cursor.bLogSent || cursor.logRun != m_logRun || (!m_log.empty() && m_log.back().first > cursor.log);
-    }
-
-    void PublishLocked()
-    {
-        JsonValue activity = JsonValue::array();
-        for (const auto &a : m_activity)
-            activity.push_back(a);
-        std::string state = hosttv::Dump(
-            {{"status", m_status}, {"popups", hosttv::ToJson(m_popups)}, {"activity", std::move(activity)}});
-        if (state == m_state)
-            return;
-        m_state = std::move(state);
-        ++m_version;
-        m_changed.notify_all();
-    }
-
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::condition_variable m_poked;
-    JsonValue m_status = JsonValue::object();
-    std::vector<tvhost::notifications::Record> m_popups;
-    std::deque<JsonValue> m_activity;
-    std::deque<std::pair<uint64_t, std::string>> m_log; // sequence number, the record as JSON
-    uint64_t m_logSeq = 0;
-    uint64_t m_logRun = 0; // bumped when a new run begins the log afresh
-    std::string m_state = "{}";
-    uint64_t m_version = 0; // streams wait for the watcher's first look
-    bool m_bPoked = false;
-    bool m_bStopping = false;
-};
 
 // Fields of a request's JSON object, each refused with what it must be.
 int IntField(const JsonValue &body, const char *name)
@@ -556,28 +343,11 @@ struct Server::Impl {
 
     explicit Impl(Options o) : options(std::move(o)), http(options.maxBody) {}
 
-    // Host names a browser on this machine may use for us; with a wildcard
-    // address any address literal, localhost and the machine's name.
     bool HostAllowed(const std::string &hostPort) const
     {
-        const std::string &host = options.listen.host;
-        if (hostPort == HostPort(host, port))
-            return true;
-        if (IsLoopback(host) || IsWildcard(host)) {
-            if (hostPort == HostPort("localhost", port))
-                return true;
-        }
-        if (!IsWildcard(host))
-            return false;
-        const size_t colon = hostPort.rfind(':');
-        if (colon == std::string::npos || hostPort.substr(colon + 1) != std::to_string(port))
-            return false;
-        std::string name = hostPort.substr(0, colon);
-        if (name.size() > 2 && name.front() == '[' && name.back() == ']')
-            name = name.substr(1, name.size() - 2);
         char machine[256] = {};
         gethostname(machine, sizeof machine - 1);
-        return IsIpLiteral(name) || name == machine;
+        return hostweb::HostAllowed(options.listen.host, port, hostPort, machine);
     }
 
     httplib::Server::HandlerResponse Guard(const httplib::Request &req, httplib::Response &res) const
