@@ -184,3 +184,22 @@ TEST(WebHub, StopEndsEveryWait)
     EXPECT_EQ(ended, std::nullopt);
     EXPECT_TRUE(hub.Stopping());
 }
+
+// What `--json` prints and what a page's stream carries: an engine text's
+// C1 and bidirectional controls would steer a terminal that shows it.
+TEST(HostTvJson, ATerminalShowingItObeysNoControlAndItReadsTheSame)
+{
+    const std::string text = "\x1b[2J \xc2\x9b"
+                             "2J \x7f \xe2\x80\xae \xe2\x81\xa6 \xd8\x9c \xea\xb0\x80 \xc2\xa0 \xe2\x80\x94";
+    const std::string dumped = hosttv::Dump({{"name", text}});
+    for (size_t i = 0; i < dumped.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(dumped[i]);
+        ASSERT_FALSE(c < 0x20 || c == 0x7F) << "byte " << int(c) << " at " << i;
+        ASSERT_FALSE(c == 0xC2 && static_cast<unsigned char>(dumped[i + 1]) <= 0x9F) << "a C1 control at " << i;
+    }
+    EXPECT_THAT(dumped, Not(HasSubstr("\xe2\x80\xae")));
+    EXPECT_THAT(dumped, Not(HasSubstr("\xe2\x81\xa6")));
+    EXPECT_THAT(dumped, Not(HasSubstr("\xd8\x9c")));
+    EXPECT_THAT(dumped, HasSubstr("\xea\xb0\x80 \xc2\xa0 \xe2\x80\x94")) << "other characters stay as they are";
+    EXPECT_EQ(nlohmann::json::parse(dumped)["name"], text);
+}

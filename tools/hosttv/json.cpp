@@ -1,5 +1,6 @@
 // The answers of hosttv as JSON, for `--json` and the web view.
 #include "hosttv/json.h"
+#include "tvhost/log.h"
 #include "tvhost/parse.h"
 
 namespace hosttv {
@@ -15,7 +16,7 @@ JsonValue Optional(const std::optional<std::string> &text)
 
 std::string Dump(const JsonValue &value)
 {
-    return value.dump(-1, ' ', false, JsonValue::error_handler_t::replace);
+    return tvhost::log::JsonForTerminal(value.dump(-1, ' ', false, JsonValue::error_handler_t::replace));
 }
 
 std::string JsonString(const std::string &text)

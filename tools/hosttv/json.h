@@ -22,7 +22,8 @@ JsonValue ToJson(const Press &press);
 JsonValue ToJson(const EventOutcome &outcome);
 
 // One line, no spaces; bytes that are not UTF-8 become U+FFFD, since a JSON
-// reader refuses them and engine texts may hold anything.
+// reader refuses them and engine texts may hold anything; every control a
+// terminal would obey is a \u escape.
 std::string Dump(const JsonValue &value);
 
 } // namespace hosttv

@@ -330,5 +330,21 @@ std::string ForTerminal(std::string_view text)
     return out;
 }
 
+std::string JsonForTerminal(std::string_view json)
+{
+    std::string out;
+    out.reserve(json.size());
+    size_t i = 0;
+    while (i < json.size()) {
+        const tvhost::text::Unit u = tvhost::text::Decode(json.data() + i, json.size() - i);
+        if (!u.bBroken && u.cp >= 0x7F && (tvhost::text::IsControl(u.cp) || tvhost::text::IsBidiControl(u.cp)))
+            AppendEscape(out, "\\u%04lx", u.cp);
+        else
+            out.append(json.data() + i, u.n);
+        i += u.n;
+    }
+    return out;
+}
+
 } // namespace log
 } // namespace tvhost

@@ -43,6 +43,12 @@ std::vector<std::string> Find(const std::string &needle);
 // "    | " so that none passes for a line of its own.
 std::string ForTerminal(std::string_view text);
 
+// A JSON text (as a JSON writer leaves it: C0 controls already escaped) with
+// DEL, the C1 and the bidirectional controls inside its strings written as
+// \u escapes: it reads as the same JSON, and a terminal showing it obeys none
+// of them.
+std::string JsonForTerminal(std::string_view json);
+
 // How many times __dlog_vprint was called since the last reset.
 unsigned long PrintCount();
 
