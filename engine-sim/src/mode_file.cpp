@@ -6,7 +6,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <strings.h>
-#include <fstream>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <iterator>
 #include <set>
 #include <sstream>
@@ -388,15 +390,37 @@ private:
 Mode LoadMode(const std::string &strPath, const std::function<void(const std::string &)> &report)
 {
     Mode mode;
-    std::ifstream in(strPath, std::ios::binary);
-    if (!in) {
+    // Opened without waiting: a FIFO in the file's place would hold the
+    // engine's start until something wrote to it.
+    const int fd = open(strPath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    struct stat st {};
+    if (fd < 0 || fstat(fd, &st) != 0) {
         report(strPath + ": cannot read (" + strerror(errno) + "); empty home, no scenario");
+        if (fd >= 0)
+            close(fd);
+        return mode;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        close(fd);
+        report(strPath + ": not a regular file; empty home, no scenario");
         return mode;
     }
     std::string strText;
     char chunk[1 << 16];
-    while (strText.size() <= kMaxFile && (in.read(chunk, sizeof chunk) || in.gcount() > 0))
-        strText.append(chunk, static_cast<size_t>(in.gcount()));
+    ssize_t n = 0;
+    while (strText.size() <= kMaxFile && (n = read(fd, chunk, sizeof chunk)) != 0) {
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            break;
+        strText.append(chunk, static_cast<size_t>(n));
+    }
+    const int readError = n < 0 ? errno : 0;
+    close(fd);
+    if (readError != 0) {
+        report(strPath + ": cannot read (" + strerror(readError) + "); empty home, no scenario");
+        return mode;
+    }
     if (strText.size() > kMaxFile) {
         report(strPath + ": larger than " + std::to_string(kMaxFile >> 20) + " MiB; empty home, no scenario");
         return mode;

@@ -15,11 +15,13 @@
 #include <stdexcept>
 #include <string>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 
 #include "EngineSim.h"
+#include "mode.h"
 #include "qorv_sim_client.h"
 
 namespace {
@@ -225,4 +227,24 @@ TEST_F(SimulatedEngine, AStopOrAnUnloadMidStormEndsTheEngineThread)
         EXPECT_EQ(ThreadCount(), nThreads + 2) << "the engine thread and its socket's, no more";
     }
     EXPECT_EQ(ThreadCount(), nThreads) << "unloading the library joins its thread";
+}
+
+// The mode file's place may hold anything; the engine's start must not wait
+// on it, and what is no file gives the empty home with the reason.
+TEST(SimulatedEngineModeFile, WhatIsNoRegularFileIsRefusedWithoutWaiting)
+{
+    const std::string fifo = "/tmp/engine-sim-fifo-" + std::to_string(getpid());
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    // The FIFO last: code that would wait on it fails on the others first.
+    for (const std::string &path : {std::string("/dev/null"), std::string("/tmp"), fifo}) {
+        std::vector<std::string> reports;
+        const qorvsim::Mode mode = qorvsim::LoadMode(path, [&](const std::string &text) { reports.push_back(text); });
+        ASSERT_THAT(reports, ::testing::ElementsAre(path + ": not a regular file; empty home, no scenario"));
+        EXPECT_TRUE(mode.strName.empty() && mode.vctScenario.empty()) << path;
+    }
+    std::remove(fifo.c_str());
+    std::vector<std::string> reports;
+    qorvsim::LoadMode(fifo, [&](const std::string &text) { reports.push_back(text); });
+    EXPECT_THAT(reports, ::testing::ElementsAre(fifo + ": cannot read (No such file or directory); empty home, no "
+                                                       "scenario"));
 }
