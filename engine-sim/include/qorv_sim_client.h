@@ -30,6 +30,10 @@
 
 namespace qorvsim {
 
+// The longest text of a request, each of the two: room for the hostile-input
+// suites' documents of tens of megabytes. A longer one is refused.
+constexpr size_t kMaxText = size_t{64} << 20;
+
 inline std::string DefaultSocketPath()
 {
     const char *pPath = getenv("QORV_SIM_SOCKET");

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "qorv_sim_client.h"
 #include "trace.h"
 #include "tvhost/parse.h"
 
@@ -17,8 +18,6 @@ namespace {
 using tvhost::localsocket::Frame;
 
 constexpr size_t kMaxHeader = 128;
-// Room for the hostile-input suites' documents of tens of megabytes.
-constexpr size_t kMaxText = 64u << 20;
 constexpr size_t kMaxClients = 32;
 // A hostile-input document takes a while to arrive under a sanitizer.
 constexpr int kRequestSeconds = 60;

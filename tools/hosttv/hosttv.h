@@ -278,6 +278,8 @@ void TimeOut(int item);
 // How long RaiseEvent waits for the engine's answer unless told: longer than
 // one event takes on a desk, short enough for a person waiting.
 constexpr std::chrono::seconds kEventAnswerWait{10};
+// The longest text the engine takes for one event.
+extern const size_t kMaxEventText;
 // Raises engine event number with param as its first parameter and waits up to
 // answerWait for the service's answer, which it returns.
 int RaiseEvent(int number, const std::string &param, std::chrono::seconds answerWait = kEventAnswerWait);

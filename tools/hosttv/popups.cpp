@@ -56,6 +56,8 @@ void TimeOut(int item)
         FailRemote(error);
 }
 
+const size_t kMaxEventText = qorvsim::kMaxText;
+
 int RaiseEvent(int number, const std::string &param, std::chrono::seconds answerWait)
 {
     int answer = 0;

@@ -26,19 +26,16 @@ std::string SampleNames()
     return Join(names, ", ");
 }
 
-// The longest text the simulated engine takes (its injection socket's limit).
-constexpr size_t kMaxText = size_t{64} << 20;
-
-// At most kMaxText bytes of in; more is refused before it is all read.
+// At most the engine's longest text of in; more is refused before it is all read.
 std::string ReadBounded(std::istream &in, const std::string &source)
 {
     std::string text;
     char chunk[1 << 16];
     while (in.read(chunk, sizeof chunk) || in.gcount() > 0) {
         text.append(chunk, static_cast<size_t>(in.gcount()));
-        if (text.size() > kMaxText)
+        if (text.size() > hosttv::kMaxEventText)
             throw hosttv::Error(hosttv::Error::Kind::kCannot,
-                                source + " holds more than " + std::to_string(kMaxText >> 20) +
+                                source + " holds more than " + std::to_string(hosttv::kMaxEventText >> 20) +
                                     " MiB, more than the engine takes for one event; give a shorter text");
     }
     return text;
