@@ -85,32 +85,64 @@ TEST_F(LumoraTvCli, ResetLeavesTheFreshHostTvAfterAnotherProcesssPowerOff)
 }
 
 // Then the state as this process reads it.
-TEST_F(LumoraTvCli, WithoutAServiceCommandsChangeTheHostTvOrSayWhyNot)
+namespace {
+
+// Commands whose answer depends on nothing done before them on the fresh
+// host TV: each says what it did, or why not, with its exit status.
+struct Answer {
+    const char *name;
+    Case c;
+};
+
+void PrintTo(const Answer &a, std::ostream *os)
+{
+    *os << a.name;
+}
+
+const Answer kAnswers[] = {
+    {"LogsBeforeAnyRun", {{"logs"}, 1, "no log yet: it appears once `lumora-tv run` starts the service"}},
+    {"UnknownLevel",
+     {{"logs", "--level", "loud"}, 2, "unknown level \"loud\" for --level; accepted: V D I W E F, or verbose"}},
+    {"MisspeltCommand", {{"notificatons"}, 2, "unknown command \"notificatons\"; did you mean notifications?"}},
+    {"UnknownCommand", {{"xyzzy"}, 2, "unknown command \"xyzzy\"; see: lumora-tv help"}},
+    {"CommandHelp", {{"press", "--help"}, 0, "usage: lumora-tv press ITEM BUTTON", true}},
+    {"Version", {{"--version"}, 0, "lumora-tv ", true}},
+    {"ValueNotOfTheKey",
+     {{"set", "db/menu_widget/language", "ko_KR"}, 1, "\"ko_KR\" is not a value of db/menu_widget/language"}},
+    {"HelpAfterAKey", {{"set", "db/menu_widget/language", "--help"}, 0, "usage: lumora-tv set", true}},
+    {"ForceOffered", {{"set", "db/menu_widget/language", "x"}, 1, "lumora-tv set --force"}},
+    {"StatusWithoutService", {{"status"}, 3, "service:   not running (start it with: lumora-tv run)", true}},
+    {"StatusJsonWithoutService", {{"status", "--json"}, 3, "", true, "", "/service/running=false"}},
+    {"HexEventNumber", {{"event", "0x5", "alarm"}, 2, "bad event number \"0x5\""}},
+    {"EventFromAFolder", {{"event", "5", "/"}, 1, "/ is a directory"}},
+    {"EventFromNoFile",
+     {{"event", "5", "alarm.txt"}, 1, "no such file, nor a shipped sample; the samples are: registered-devices (0)"}},
+    {"EventWithoutService", {{"event", "5", "alarm"}, 1, kNotRunning}},
+    {"EventFromInputWithoutService", {{"event", "5", "-"}, 1, kNotRunning, false, "<x/>"}},
+    {"NotificationsWithoutService", {{"notifications"}, 1, kNotRunning}},
+    {"PressWithoutService", {{"press", "1", "1"}, 1, kNotRunning}},
+    {"TimeoutWithoutService", {{"timeout", "1"}, 1, kNotRunning}},
+};
+
+class LumoraTvAnswer : public HostTvTestWithParam<Answer> {};
+
+} // namespace
+
+TEST_P(LumoraTvAnswer, SaysWhatItDidOrWhyNotWithItsStatus)
 {
     std::filesystem::remove(tvhost::Root() + "/opt/var/tvhost/service.log");
+    Check({GetParam().c});
+}
+
+INSTANTIATE_TEST_SUITE_P(WithoutAService, LumoraTvAnswer, ::testing::ValuesIn(kAnswers),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+TEST_F(LumoraTvCli, SettingsWidgetAndNetworkCommandsChangeTheHostTv)
+{
     Check({
-        {{"logs"}, 1, "no log yet: it appears once `lumora-tv run` starts the service"},
-        {{"logs", "--level", "loud"}, 2, "unknown level \"loud\" for --level; accepted: V D I W E F, or verbose"},
-        {{"notificatons"}, 2, "unknown command \"notificatons\"; did you mean notifications?"},
-        {{"xyzzy"}, 2, "unknown command \"xyzzy\"; see: lumora-tv help"},
-        {{"press", "--help"}, 0, "usage: lumora-tv press ITEM BUTTON", true},
-        {{"--version"}, 0, "lumora-tv ", true},
-        {{"set", "db/menu_widget/language", "ko_KR"}, 1, "\"ko_KR\" is not a value of db/menu_widget/language"},
-        {{"set", "db/menu_widget/language", "--help"}, 0, "usage: lumora-tv set", true},
-        {{"set", "db/menu_widget/language", "x"}, 1, "lumora-tv set --force"},
         {{"set", "--force", "db/menu_widget/language", "x"}, 0, "db/menu_widget/language = x", true},
         {{"get", "db/menu_widget/language"}, 0, "x\n", true},
         {{"get", "--json"}, 0, "", true, "", "/db~1menu_widget~1language=x"},
-        {{"status"}, 3, "service:   not running (start it with: lumora-tv run)", true},
-        {{"status", "--json"}, 3, "", true, "", "/service/running=false"},
-        {{"event", "0x5", "alarm"}, 2, "bad event number \"0x5\""},
-        {{"event", "5", "/"}, 1, "/ is a directory"},
-        {{"event", "5", "alarm.txt"}, 1, "no such file, nor a shipped sample; the samples are: registered-devices (0)"},
-        {{"event", "5", "alarm"}, 1, kNotRunning},
-        {{"event", "5", "-"}, 1, kNotRunning, false, "<x/>"},
-        {{"notifications"}, 1, kNotRunning},
-        {{"press", "1", "1"}, 1, kNotRunning},
-        {{"timeout", "1"}, 1, kNotRunning},
         {{"set", "db/menu_widget/language", "ko_KR.UTF-8"}, 0, "db/menu_widget/language = ko_KR.UTF-8\n", true},
         {{"set", "memory/was/app_change", "-5"}, 0, "memory/was/app_change = -5\n", true},
         {{"get"}, 0, "db/menu_widget/language = ko_KR.UTF-8\nmemory/was/app_change = -5\n", true},
