@@ -147,13 +147,17 @@ INSTANTIATE_TEST_SUITE_P(Texts, TvhostParse,
                                            NumberCase{"", {}, {}}, NumberCase{"-", {}, {}}, NumberCase{"inf", {}, {}},
                                            NumberCase{"nan", {}, {}}, NumberCase{"5\n", {}, {}}));
 
-TEST(TvhostParse, RangeAndHexByte)
+TEST(TvhostParse, ARangedNumberOutsideItsRangeIsRefusedAndLeavesTheValue)
 {
     int n = 0;
     EXPECT_TRUE(ParseInt("10", n, 1, 10));
     EXPECT_FALSE(ParseInt("11", n, 1, 10));
     EXPECT_FALSE(ParseInt("0", n, 1, 10));
     EXPECT_EQ(n, 10);
+}
+
+TEST(TvhostParse, AHexByteIsExactlyTwoHexDigits)
+{
     unsigned char byte = 0;
     EXPECT_TRUE(ParseHexByte("2F", byte));
     EXPECT_EQ(byte, 0x2F);
