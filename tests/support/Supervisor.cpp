@@ -96,7 +96,8 @@ std::string WatchdogOf(pid_t pid)
 // The timer thread's readiness ("RAApp") comes first; the service's own
 // ("lumora") once, right before the first watchdog message; every other
 // message is a watchdog message, but for the plain "READY=1" that Ecore sends
-// when its main loop begins.
+// when its main loop begins. That one comes from the main thread while the
+// timer thread starts, so it may come before "RAApp" as well as after.
 Supervision Judge(const std::vector<NotifySocket::Message> &messages, pid_t pid, Supervisor::Clock::time_point start,
                   Supervisor::Clock::time_point end)
 {
@@ -106,12 +107,15 @@ Supervision Judge(const std::vector<NotifySocket::Message> &messages, pid_t pid,
     auto gap = [&](Supervisor::Clock::time_point from, Supervisor::Clock::time_point to) {
         out.longestGap = std::max(out.longestGap, duration_cast<milliseconds>(to - from));
     };
-    if (messages.empty() || messages[0].text != ReadinessOf("RAApp", pid))
+    size_t first = 0;
+    while (first < messages.size() && messages[first].text == "READY=1")
+        ++first;
+    if (first == messages.size() || messages[first].text != ReadinessOf("RAApp", pid))
         out.problems.push_back("the first message is not the timer thread's readiness \"" + ReadinessOf("RAApp", pid) +
                                "\"");
     int nReady = 0;
     Supervisor::Clock::time_point last = start;
-    for (size_t i = messages.empty() ? 0 : 1; i < messages.size(); ++i) {
+    for (size_t i = std::min(first + 1, messages.size()); i < messages.size(); ++i) {
         const NotifySocket::Message &m = messages[i];
         if (m.text == "READY=1")
             continue;
