@@ -166,8 +166,16 @@ Child Child::Start(const Spec &spec)
     // Every text and array before the fork.
     std::vector<std::string> args = spec.argv;
     const char *pWrapper = std::getenv("LUMORA_EXEC_WRAPPER");
-    if (pWrapper && *pWrapper)
+    if (pWrapper && *pWrapper) {
+        // Through a wrapper the exec that fails would be the program's, after
+        // the wrapper started: a program that cannot run is refused here, as
+        // it is without one.
+        if (access(spec.argv[0].c_str(), X_OK) != 0) {
+            const int error = errno;
+            throw Error("cannot start " + spec.argv[0] + ": " + std::strerror(error), error);
+        }
         args.insert(args.begin(), pWrapper);
+    }
     std::vector<std::string> envTexts = spec.env.Entries();
     std::vector<char *> argv = Pointers(args);
     std::vector<char *> envp = Pointers(envTexts);
