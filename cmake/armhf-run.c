@@ -17,6 +17,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #ifndef ARMHF_RUN_ROOT
@@ -57,8 +58,21 @@ static int is_arm_elf(const char *file)
         return 0;
     ssize_t got = read(fd, head, sizeof head);
     close(fd);
-    return got == (ssize_t)sizeof head && memcmp(head, "\177ELF", 4) == 0 && head[4] == 1 &&
-           head[5] == 1 && (head[18] | head[19] << 8) == ELF_MACHINE_ARM;
+    return got == (ssize_t)sizeof head && memcmp(head, "\177ELF", 4) == 0 && head[4] == 1 && head[5] == 1 &&
+           (head[18] | head[19] << 8) == ELF_MACHINE_ARM;
+}
+
+/* Signals 32 and 33 are the C library's own: an ARM program cannot name
+ * them through qemu-user (its own 32 and 33 are mapped to other signals), so
+ * when whoever started the suites ignored them, the program's reset of every
+ * signal would not reach them and a program it starts would inherit that.
+ * They are set to their default here, where they can be. */
+static void default_library_signals(void)
+{
+    for (int sig = 32; sig <= 33; sig++) {
+        unsigned long action[8] = {0}; /* the kernel's sigaction: SIG_DFL, no flags, no mask */
+        syscall(SYS_rt_sigaction, sig, action, NULL, 8);
+    }
 }
 
 int main(int argc, char **argv)
@@ -72,6 +86,7 @@ int main(int argc, char **argv)
                 *ARMHF_RUN_ROOT ? ARMHF_RUN_ROOT : "none built in");
         return argc < 2 ? 2 : 0;
     }
+    default_library_signals();
     char file[4096];
     if (!find_program(argv[1], file, sizeof file)) {
         fprintf(stderr, "armhf-run: cannot run %s: no such program\n", argv[1]);
@@ -92,8 +107,7 @@ int main(int argc, char **argv)
     if (!qemu || !*qemu)
         qemu = "qemu-arm-static";
     if (!*root) {
-        fprintf(stderr, "armhf-run: %s is an ARM program and no armhf root is known: set LUMORA_ARM_ROOT\n",
-                argv[1]);
+        fprintf(stderr, "armhf-run: %s is an ARM program and no armhf root is known: set LUMORA_ARM_ROOT\n", argv[1]);
         return 127;
     }
 

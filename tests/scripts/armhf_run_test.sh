@@ -47,6 +47,11 @@ expect "found on PATH" found "$out"
 out="$(sh -c '"$1" sh -c "echo \$\$" & echo "$!"; wait' sh "$run" | sort -u | wc -l)"
 expect "the program keeps the wrapper's pid" 1 "$out"
 
+# Signals 32 and 33 at their default in what it starts (make, for one,
+# starts its commands with both ignored).
+out="$("$run" /bin/sh -c 'grep ^SigIgn: /proc/self/status')"
+expect "the C library's signals 32 and 33 are not ignored" 0 "$(( 0x${out##*[[:space:]]} >> 31 & 3 ))"
+
 out="$("$run" "$work/arm64prog" 2>&1)"; status=$?
 expect "64-bit ARM is not run through qemu-arm" 127 "$status"
 out="$("$run" "$work/armbe" 2>&1)"; status=$?
