@@ -115,7 +115,14 @@ int PidfdOpen(pid_t pid)
     dfl.sa_handler = SIG_DFL;
     for (int sig = 1; sig < NSIG; ++sig)
         if (sig != SIGKILL && sig != SIGSTOP)
-            sigaction(sig, &dfl, nullptr); // NPTL's own signals refuse: no matter
+            sigaction(sig, &dfl, nullptr);
+    // The C library's own signals (32 and 33) refuse sigaction, yet one
+    // that is ignored stays ignored across exec, and GNU make starts its
+    // commands with both ignored: the kernel's call sets them.
+    for (int sig = 32; sig < SIGRTMIN; ++sig) {
+        unsigned long action[8] = {}; // the kernel's sigaction: SIG_DFL, no flags, no mask
+        syscall(SYS_rt_sigaction, sig, action, nullptr, (NSIG - 1) / 8);
+    }
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
