@@ -127,5 +127,6 @@ int main(int argc, char **argv)
     args[n] = NULL;
     execvp(qemu, args);
     fprintf(stderr, "armhf-run: cannot run %s: %s (is qemu-user-static installed?)\n", qemu, strerror(errno));
+    free(args);
     return 127;
 }
