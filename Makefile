@@ -22,7 +22,7 @@ define preset_test
 	ctest --test-dir $(2) --output-on-failure $(4)
 endef
 
-.PHONY: deps build test test-host test-asan test-tsan test-fuzz fuzz-long check32 demo check clean
+.PHONY: deps build test test-host test-asan test-tsan test-fuzz fuzz-long check32 check-arm demo check clean
 
 deps:
 	@scripts/install-deps
@@ -54,7 +54,8 @@ else
 	@echo "fuzz-long: clang++ not found, long fuzz runs skipped"
 endif
 
-# Every suite on the normal build and under ASan+UBSan, then the fuzz smoke runs.
+# Every suite on the normal build and under ASan+UBSan (plain char unsigned,
+# as on ARM), then the fuzz smoke runs.
 test: test-host test-asan test-fuzz
 
 # Every host suite built and run in a Debian 12 i386 root (the TV's word
@@ -62,9 +63,15 @@ test: test-host test-asan test-fuzz
 check32:
 	@JOBS=$(JOBS) scripts/check32
 
+# The TV's CPU: every host suite cross-built for armhf and run under
+# qemu-user with an armhf root made once under build/check-arm, then the link
+# check of the TV build against a stand-in SDK and its install set.
+check-arm:
+	@JOBS=$(JOBS) scripts/check-arm
+
 # What `make test` does, then every suite under ThreadSanitizer, a long run
-# of each fuzz target (FUZZ_SECONDS each) and the 32-bit run.
-check: test test-tsan fuzz-long check32
+# of each fuzz target (FUZZ_SECONDS each), the 32-bit run and the ARM run.
+check: test test-tsan fuzz-long check32 check-arm
 
 # Only what the tour runs: the service, lumora-tv, the engine and the TV root.
 DEMO_TARGETS := lumora lumora-tv qorv_helper tvroot_files lumora_translations

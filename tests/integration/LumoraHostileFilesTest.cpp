@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <libxml/parser.h>
@@ -32,6 +33,19 @@ constexpr const char *kLimit = "";
 constexpr const char *kLimit = "prlimit --as=536870912 ";
 #endif
 
+// How lumora-tv is started: under the limit, or through LUMORA_EXEC_WRAPPER
+// when it is set (the ARM run's emulator). qemu-user reserves the whole 32-bit
+// address space of its program for itself and does not pass a program's
+// address-space limit on, so there, as under a sanitizer, the refusal is
+// checked without the limit.
+std::string Limit()
+{
+    const char *pWrapper = std::getenv("LUMORA_EXEC_WRAPPER");
+    if (pWrapper && *pWrapper)
+        return std::string(pWrapper) + " ";
+    return kLimit;
+}
+
 // This process's own folder for the files it makes (large ones among them).
 std::string Dir()
 {
@@ -53,7 +67,7 @@ LimitedRun LumoraTvLimited(const std::string &args, const std::string &input = "
 {
     const std::string out = Dir() + "lumora-tv-hostile.out";
     const std::string command =
-        "timeout 600 " + std::string(kLimit) + LumoraTvBinary() + " " + args + " < " + input + " > " + out + " 2>&1";
+        "timeout 600 " + Limit() + LumoraTvBinary() + " " + args + " < " + input + " > " + out + " 2>&1";
     const int status = std::system(command.c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile(out)};
 }

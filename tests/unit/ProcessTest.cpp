@@ -136,8 +136,22 @@ TEST(Process, ExecWrapperRunsTheProgram)
     proc::Spec spec;
     spec.argv = {"/bin/true", "a b"};
     const std::string out = Output(spec);
+    // A program that cannot run is refused at the start, as without a
+    // wrapper, not reported later by the wrapper's exit.
+    spec.argv = {"/nonexistent/program"};
+    std::string refused;
+    int nErrno = 0;
+    try {
+        proc::Child::Start(spec);
+    } catch (const proc::Error &e) {
+        refused = e.what();
+        nErrno = e.Errno();
+    }
     unsetenv("LUMORA_EXEC_WRAPPER");
     EXPECT_EQ(out, "/bin/true a b\n");
+    EXPECT_EQ(nErrno, ENOENT);
+    EXPECT_THAT(refused, HasSubstr("cannot start /nonexistent/program: No such file or directory"));
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
 }
 
 TEST(Process, StopSignalEndsAWait)

@@ -27,6 +27,9 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.support.ui import Select, WebDriverWait
 
 LUMORA_TV, SCREENSHOT, CHROMEDRIVER = sys.argv[1:4]
+# lumora-tv is started the way the host kit starts its programs: through
+# LUMORA_EXEC_WRAPPER when it is set (an emulator for another CPU's build).
+START = [os.environ["LUMORA_EXEC_WRAPPER"]] if os.environ.get("LUMORA_EXEC_WRAPPER") else []
 WAIT = 60  # seconds: generous, the machine is shared
 HOSTILE_NAME = "<img src=x onerror=window.__pwned=1>"
 HOSTILE_EVENT = (
@@ -56,7 +59,7 @@ def open_stream(port):
 
 
 def lumora_tv(*args):
-    return subprocess.run([LUMORA_TV, *args], capture_output=True, text=True, timeout=60)
+    return subprocess.run([*START, LUMORA_TV, *args], capture_output=True, text=True, timeout=60)
 
 
 def popups(driver):
@@ -99,7 +102,7 @@ def main():
     log_path = os.path.join(os.path.dirname(SCREENSHOT), "web-browser-test.log")
     env = dict(os.environ, QORV_SIM_SPEED="0.5", TVHOST_DRAW="0")
     with open(log_path, "w") as log:
-        web = subprocess.Popen([LUMORA_TV, "web", "--run", "--scenario", "demo", "--listen", "127.0.0.1:0"],
+        web = subprocess.Popen([*START, LUMORA_TV, "web", "--run", "--scenario", "demo", "--listen", "127.0.0.1:0"],
                                stdout=log, stderr=subprocess.STDOUT, env=env)
     options = webdriver.ChromeOptions()
     for arg in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",

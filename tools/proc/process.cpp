@@ -115,7 +115,14 @@ int PidfdOpen(pid_t pid)
     dfl.sa_handler = SIG_DFL;
     for (int sig = 1; sig < NSIG; ++sig)
         if (sig != SIGKILL && sig != SIGSTOP)
-            sigaction(sig, &dfl, nullptr); // NPTL's own signals refuse: no matter
+            sigaction(sig, &dfl, nullptr);
+    // The C library's own signals (32 and 33) refuse sigaction, yet one
+    // that is ignored stays ignored across exec, and GNU make starts its
+    // commands with both ignored: the kernel's call sets them.
+    for (int sig = 32; sig < SIGRTMIN; ++sig) {
+        unsigned long action[8] = {}; // the kernel's sigaction: SIG_DFL, no flags, no mask
+        syscall(SYS_rt_sigaction, sig, action, nullptr, (NSIG - 1) / 8);
+    }
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -166,8 +173,16 @@ Child Child::Start(const Spec &spec)
     // Every text and array before the fork.
     std::vector<std::string> args = spec.argv;
     const char *pWrapper = std::getenv("LUMORA_EXEC_WRAPPER");
-    if (pWrapper && *pWrapper)
+    if (pWrapper && *pWrapper) {
+        // Through a wrapper the exec that fails would be the program's, after
+        // the wrapper started: a program that cannot run is refused here, as
+        // it is without one.
+        if (access(spec.argv[0].c_str(), X_OK) != 0) {
+            const int error = errno;
+            throw Error("cannot start " + spec.argv[0] + ": " + std::strerror(error), error);
+        }
         args.insert(args.begin(), pWrapper);
+    }
     std::vector<std::string> envTexts = spec.env.Entries();
     std::vector<char *> argv = Pointers(args);
     std::vector<char *> envp = Pointers(envTexts);
