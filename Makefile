@@ -22,7 +22,7 @@ define preset_test
 	ctest --test-dir $(2) --output-on-failure $(4)
 endef
 
-.PHONY: deps build test test-host test-asan test-tsan test-fuzz fuzz-long check32 check-arm demo check clean
+.PHONY: deps build test test-host test-asan test-tsan test-fuzz fuzz-long check32 check-arm demo check clean coverage mutate
 
 deps:
 	@scripts/install-deps
@@ -82,6 +82,17 @@ demo: deps
 	cmake --preset host -B $(HOST_DIR)
 	cmake --build $(HOST_DIR) -j $(JOBS) --target $(DEMO_TARGETS) -- --no-print-directory
 	@LUMORA_DEMO_BUILD=$(abspath $(HOST_DIR)) scripts/demo
+
+# Every host suite on a gcov build (tree build/coverage): an HTML report in
+# build/coverage/coverage/ and a table of line and branch coverage per folder.
+coverage: deps
+	@JOBS=$(JOBS) scripts/coverage
+
+# Mutants of the lines of src/ that make coverage showed reached, each built
+# in build/mutate and run against the suites that reach its line. In parts:
+# MUTATE_FILES, MUTATE_LIMIT, MUTATE_SEED, MUTATE_SINCE (scripts/mutate --help).
+mutate: deps
+	@JOBS=$(JOBS) scripts/mutate
 
 # Benchmarks (Release tree build/bench): Google Benchmark's output, then one
 # table of the numbers beside their targets. Fails only if a program does.

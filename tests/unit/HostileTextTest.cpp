@@ -67,6 +67,9 @@ TEST(HostileText, WhatWouldExpandOrCrowdIsRefusedAsATextThatDoesNotParseAndTheRe
         {"200,000 attributes", "", Attributes(200000), "t", true},
         {"257 attributes", "", Attributes(257), "t", true},
         {"256 attributes", "", Attributes(256), "t", false},
+        // The scan must go on after a comment or CDATA section, not inside it.
+        {"257 attributes after a comment that ends in <a\"", "<!--<a\"-->", Attributes(257), "t", true},
+        {"a crowded tag after an empty CDATA section", "", "", "<![CDATA[]]><x" + Attributes(257) + "/>", true},
         {"'=' in a value, a comment and CDATA", "<!--" + Repeat(" a=", 300) + "-->", " q=\"" + Repeat("=", 300) + "\"",
          "<!--" + Repeat("b=", 300) + "--><![CDATA[" + Repeat("c=", 300) + "]]>", false},
         {"predefined entities and character references", "", "", "&amp;&lt;&#65;&#x9b;", false},

@@ -162,7 +162,10 @@ TEST_F(LumoraNotificationTest, NewAndUnknownDevicesShowTheSummary)
     auto n = Device("dev", "Other");
     ASSERT_EQ(presenter->Add(5, &n), 1);
     EXPECT_EQ(presenter->Add(1, &list), 1);
+    log.Clear();
     EXPECT_EQ(Peer::AddUnknown(*presenter, &list), 1);
+    EXPECT_THAT(log.Messages(), ::testing::Contains("LumoraNotification::m_AddUnknownDeviceFound"))
+        << "the platform log tells an unknown device's pop-up from a new one's";
     const auto posted = noti::Posted();
     ASSERT_EQ(posted.size(), 3u);
     const std::string head = "112 'org.kelvar.lumora' #",

@@ -166,6 +166,8 @@ TEST(CNewDeviceList, KeepsDocumentOrderSummarisesPerTypeAndFailsWholeOnAnIncompl
         {{std::string(253, 'T')}, std::string(253, 'T') + " 1"},
         {{std::string(254, 'T')}, std::string(254, 'T') + " "},
         {{"A", std::string(300, 'B')}, "A 1, " + std::string(253, 'B')},
+        // Enough of one type for std::sort's partitioning, which needs a strict order.
+        {Strings(40, "Washer"), "Washer 40"},
     };
     for (auto &c : summaries) {
         std::string doc = "<l>";
@@ -205,6 +207,9 @@ TEST(CRegisteredDeviceList, MergeAfterAnEditOfTheListFindsTheItemByItsId)
     const std::string doc = "<l>" + Device("1", "Connected", "Air Conditioner", "A") +
                             Device("2", "Connected", "Air Conditioner", "B") + "</l>";
     ASSERT_TRUE(l.Parse(doc.c_str(), nullptr));
+    // The same report again adds nothing, its first device included.
+    ASSERT_TRUE(l.m_ParseRegisteredDevice(doc.c_str(), static_cast<int>(doc.size())));
+    EXPECT_EQ(Items(l), (Strings{"1|A|1|Connected|Air Conditioner", "2|B|1|Connected|Air Conditioner"}));
     l.m_vecDevice[0].strID = "9"; // same size
     l.InsertDeviceList({"9", "Nine", false, "Disconnected", "Air Conditioner"});
     l.InsertDeviceList({"1", "One", false, "Disconnected", "Air Conditioner"});
@@ -275,6 +280,7 @@ TEST(CCommandResult, ACountIsReadLikeStrtolClampedToIntAndANegativeOneTakesNoVal
     } lists[] = {
         {"a|-1|b|0", true, {"a/-1/", "b/0/"}, nullptr},
         {"a|2x|p|q|r|x", true, {"a/2/p,q,", "r/0/"}, nullptr},
+        {"a|10|0|1|2|3|4|5|6|7|8|9", true, {"a/10/0,1,2,3,4,5,6,7,8,9,"}, nullptr},
         {"a|4294967296|v", true, {"a/2147483647/v,"}, nullptr},
         {"a|-4294967296|v", false, {"a/-2147483648/"}, "[CCommandResult]nState=1"},
         {"a|0|b", false, {"a/0/"}, "[CCommandResult]nState=1"},
