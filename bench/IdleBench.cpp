@@ -249,18 +249,18 @@ int main()
     }
 
     const std::string binary = LUMORA_SERVICE_BINARY;
-    proc::Spec spec;
-    spec.argv = {binary};
-    spec.env.Set("PATH", root + "/usr/bin:" + spec.env.Get("PATH").value_or("/usr/bin:/bin"))
+    proc::Command command;
+    command.argv = {binary};
+    command.env.Set("PATH", root + "/usr/bin:" + command.env.Get("PATH").value_or("/usr/bin:/bin"))
         .Set("NOTIFY_SOCKET", notify.Address())
         .Set("TVHOST_DRAW", "0")
         .Set("QORV_SIM_QUIET", "1");
     for (const char *name : {"TVHOST_LOG", "TVHOST_LOG_STDERR", "QORV_SIM_MODE", "QORV_SIM_SPEED"})
-        spec.env.Unset(name);
-    spec.fds = {{STDOUT_FILENO, logFd}, {STDERR_FILENO, logFd}};
+        command.env.Unset(name);
+    command.fds = {{STDOUT_FILENO, logFd}, {STDERR_FILENO, logFd}};
     proc::Child service;
     try {
-        service = proc::Child::Start(spec);
+        service = proc::Child::Start(command);
     } catch (const proc::Error &e) {
         std::fprintf(stderr, "idle: %s\n", e.what());
         return 2;

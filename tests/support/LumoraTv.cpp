@@ -48,14 +48,14 @@ LumoraTvResult LumoraTv(const std::vector<std::string> &args, const std::string 
     if (write(fds[0].Get(), input.data(), input.size()) != static_cast<ssize_t>(input.size()))
         throw std::runtime_error("cannot write the standard input");
     lseek(fds[0].Get(), 0, SEEK_SET);
-    proc::Spec spec;
-    spec.argv = {LumoraTvBinary()};
-    spec.argv.insert(spec.argv.end(), args.begin(), args.end());
+    proc::Command command;
+    command.argv = {LumoraTvBinary()};
+    command.argv.insert(command.argv.end(), args.begin(), args.end());
     for (int i = 0; i < 3; ++i)
-        spec.fds.emplace_back(i, fds[i].Get());
+        command.fds.emplace_back(i, fds[i].Get());
     for (const std::string &e : env)
-        spec.env.Put(e);
-    proc::Child child = proc::Child::Start(spec);
+        command.env.Put(e);
+    proc::Child child = proc::Child::Start(command);
     const int wstatus = child.Wait(std::chrono::milliseconds(-1)).value_or(-1);
     return {WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1, ReadBack(fds[1].Get()), ReadBack(fds[2].Get())};
 }

@@ -147,14 +147,14 @@ void Supervisor::Spawn(std::vector<std::string> argv, const std::vector<std::str
     proc::Fd log(open(m_strLogPath.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
     if (!log)
         throw std::runtime_error("cannot write " + m_strLogPath);
-    proc::Spec spec;
-    spec.argv = std::move(argv);
-    spec.env = ChildEnvironment(env);
-    spec.fds = {{STDOUT_FILENO, log.Get()}, {STDERR_FILENO, log.Get()}};
+    proc::Command command;
+    command.argv = std::move(argv);
+    command.env = ChildEnvironment(env);
+    command.fds = {{STDOUT_FILENO, log.Get()}, {STDERR_FILENO, log.Get()}};
     // Its own group, as a shell's job: a test may signal the whole of it.
-    spec.bOwnGroup = true;
+    command.bOwnGroup = true;
     m_started = Clock::now();
-    m_child = proc::Child::Start(spec);
+    m_child = proc::Child::Start(command);
     m_pidStarted = m_pidService = m_child.Pid();
     m_strLog.clear();
     lseek(m_log.Get(), 0, SEEK_SET);

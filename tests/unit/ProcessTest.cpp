@@ -1,4 +1,4 @@
-// hostproc: a child gets exactly what its Spec names, whatever the starter
+// hostproc: a child gets exactly what its Command names, whatever the starter
 // has (other descriptors, ignored or blocked signals, other variables), a
 // failed start leaves nothing behind, and a child does not outlive its
 // starter.
@@ -20,12 +20,12 @@ using ::testing::HasSubstr;
 
 namespace {
 
-// Runs spec with its standard output in memory; what it printed.
-std::string Output(proc::Spec spec, int *pStatus = nullptr)
+// Runs command with its standard output in memory; what it printed.
+std::string Output(proc::Command command, int *pStatus = nullptr)
 {
     proc::Fd out(memfd_create("out", MFD_CLOEXEC));
-    spec.fds.emplace_back(STDOUT_FILENO, out.Get());
-    proc::Child child = proc::Child::Start(spec);
+    command.fds.emplace_back(STDOUT_FILENO, out.Get());
+    proc::Child child = proc::Child::Start(command);
     const std::optional<int> status = child.Wait(60s);
     EXPECT_TRUE(status) << "still running after 60 s";
     if (pStatus)
@@ -47,10 +47,10 @@ std::string Line(const std::string &text, const std::string &start)
 TEST(Process, ChildGetsTheSpecsEnvironmentOnly)
 {
     setenv("LUMORA_PROCESS_TEST_LEAK", "1", 1);
-    proc::Spec spec;
-    spec.argv = {"/usr/bin/env"};
-    spec.env = proc::Environment().Set("A", "1").Put("B=2=3").Set("A", "4");
-    EXPECT_EQ(Output(spec), "B=2=3\nA=4\n");
+    proc::Command command;
+    command.argv = {"/usr/bin/env"};
+    command.env = proc::Environment().Set("A", "1").Put("B=2=3").Set("A", "4");
+    EXPECT_EQ(Output(command), "B=2=3\nA=4\n");
     unsetenv("LUMORA_PROCESS_TEST_LEAK");
 }
 
@@ -60,11 +60,11 @@ TEST(Process, ChildGetsTheMappedDescriptorsAndNoOther)
     const int leak = open("/dev/null", O_RDONLY);
     ASSERT_GE(leak, 0);
     proc::Fd given(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    proc::Spec spec;
-    spec.argv = {"/bin/sh", "-c", "cd /proc/self/fd && echo *"};
-    spec.fds.emplace_back(leak + 5, given.Get());
+    proc::Command command;
+    command.argv = {"/bin/sh", "-c", "cd /proc/self/fd && echo *"};
+    command.fds.emplace_back(leak + 5, given.Get());
     // The shell's own look at the folder is one more descriptor, 3.
-    EXPECT_EQ(Output(spec), "0 1 2 3 " + std::to_string(leak + 5) + "\n");
+    EXPECT_EQ(Output(command), "0 1 2 3 " + std::to_string(leak + 5) + "\n");
     close(leak);
 }
 
@@ -77,9 +77,9 @@ TEST(Process, ChildStartsWithNoSignalBlockedOrIgnored)
     struct sigaction ignore = {}, oldTerm = {};
     ignore.sa_handler = SIG_IGN;
     sigaction(SIGTERM, &ignore, &oldTerm);
-    proc::Spec spec;
-    spec.argv = {"/bin/cat", "/proc/self/status"};
-    const std::string status = "\n" + Output(spec);
+    proc::Command command;
+    command.argv = {"/bin/cat", "/proc/self/status"};
+    const std::string status = "\n" + Output(command);
     sigaction(SIGTERM, &oldTerm, nullptr);
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
     EXPECT_EQ(Line(status, "SigBlk:"), "SigBlk:\t0000000000000000");
@@ -88,10 +88,10 @@ TEST(Process, ChildStartsWithNoSignalBlockedOrIgnored)
 
 TEST(Process, MissingProgramIsRefusedWithNothingLeftRunning)
 {
-    proc::Spec spec;
-    spec.argv = {"/nonexistent/program"};
+    proc::Command command;
+    command.argv = {"/nonexistent/program"};
     try {
-        proc::Child::Start(spec);
+        proc::Child::Start(command);
         FAIL() << "started";
     } catch (const proc::Error &e) {
         EXPECT_EQ(e.Errno(), ENOENT);
@@ -103,11 +103,11 @@ TEST(Process, MissingProgramIsRefusedWithNothingLeftRunning)
 
 TEST(Process, StopKillsAChildThatIgnoresSigterm)
 {
-    proc::Spec spec;
-    spec.argv = {"/bin/sh", "-c", "trap '' TERM; echo ready; exec sleep 600"};
+    proc::Command command;
+    command.argv = {"/bin/sh", "-c", "trap '' TERM; echo ready; exec sleep 600"};
     proc::Fd out(memfd_create("out", MFD_CLOEXEC));
-    spec.fds.emplace_back(STDOUT_FILENO, out.Get());
-    proc::Child child = proc::Child::Start(spec);
+    command.fds.emplace_back(STDOUT_FILENO, out.Get());
+    proc::Child child = proc::Child::Start(command);
     char ready[8] = {};
     for (int i = 0; i < 6000 && pread(out.Get(), ready, 5, 0) < 5; ++i)
         std::this_thread::sleep_for(10ms);
@@ -120,10 +120,10 @@ TEST(Process, StopKillsAChildThatIgnoresSigterm)
 
 TEST(Process, ChildEndsWithTheThreadThatStartedIt)
 {
-    proc::Spec spec;
-    spec.argv = {"/bin/sleep", "600"};
+    proc::Command command;
+    command.argv = {"/bin/sleep", "600"};
     proc::Child child;
-    std::thread([&] { child = proc::Child::Start(spec); }).join();
+    std::thread([&] { child = proc::Child::Start(command); }).join();
     const std::optional<int> status = child.Wait(60s);
     ASSERT_TRUE(status) << "the child outlived its starter";
     ASSERT_TRUE(WIFSIGNALED(*status));
@@ -133,16 +133,16 @@ TEST(Process, ChildEndsWithTheThreadThatStartedIt)
 TEST(Process, ExecWrapperRunsTheProgram)
 {
     setenv("LUMORA_EXEC_WRAPPER", "/bin/echo", 1);
-    proc::Spec spec;
-    spec.argv = {"/bin/true", "a b"};
-    const std::string out = Output(spec);
+    proc::Command command;
+    command.argv = {"/bin/true", "a b"};
+    const std::string out = Output(command);
     // A program that cannot run is refused at the start, as without a
     // wrapper, not reported later by the wrapper's exit.
-    spec.argv = {"/nonexistent/program"};
+    command.argv = {"/nonexistent/program"};
     std::string refused;
     int nErrno = 0;
     try {
-        proc::Child::Start(spec);
+        proc::Child::Start(command);
     } catch (const proc::Error &e) {
         refused = e.what();
         nErrno = e.Errno();
@@ -157,9 +157,9 @@ TEST(Process, ExecWrapperRunsTheProgram)
 TEST(Process, StopSignalEndsAWait)
 {
     proc::StopSignals signals;
-    proc::Spec spec;
-    spec.argv = {"/bin/sleep", "600"};
-    proc::Child child = proc::Child::Start(spec);
+    proc::Command command;
+    command.argv = {"/bin/sleep", "600"};
+    proc::Child child = proc::Child::Start(command);
     kill(getpid(), SIGHUP);
     EXPECT_TRUE(signals.WaitUntil(proc::Child::Clock::now() + 60s, &child));
     ASSERT_TRUE(signals.Got());

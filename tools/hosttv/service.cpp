@@ -240,17 +240,17 @@ std::string EndText(int status)
 proc::Child StartService(RunPlan &&plan, const std::vector<std::pair<int, int>> &fds)
 {
     RunPlan run = std::move(plan); // the lock goes with this call, whatever happens
-    proc::Spec spec;
-    spec.argv = {run.binary};
-    spec.env = std::move(run.env);
-    spec.fds = fds;
+    proc::Command command;
+    command.argv = {run.binary};
+    command.env = std::move(run.env);
+    command.fds = fds;
     int lockTarget = 3;
     for (const auto &m : fds)
         lockTarget = std::max(lockTarget, m.first + 1);
-    spec.fds.emplace_back(lockTarget, run.lock.Get());
+    command.fds.emplace_back(lockTarget, run.lock.Get());
     proc::Child child;
     try {
-        child = proc::Child::Start(spec);
+        child = proc::Child::Start(command);
     } catch (const proc::Error &e) {
         throw Error(Error::Kind::kCannot, e.what());
     }

@@ -94,7 +94,7 @@ int PidfdOpen(pid_t pid)
 
 // In the child, between fork and exec: async-signal-safe calls only, since
 // the starter may have threads. Reports a failure's errno through report.
-[[noreturn]] void Become(const Spec &spec, char *program, char **argv, char **envp, int report, pid_t parent)
+[[noreturn]] void Become(const Command &command, char *program, char **argv, char **envp, int report, pid_t parent)
 {
     auto fail = [report]() {
         const int error = errno;
@@ -102,10 +102,10 @@ int PidfdOpen(pid_t pid)
         (void)ignored;
         _exit(127);
     };
-    if (spec.bOwnGroup && setpgid(0, 0) != 0)
+    if (command.bOwnGroup && setpgid(0, 0) != 0)
         fail();
-    if (spec.deathSignal) {
-        if (prctl(PR_SET_PDEATHSIG, spec.deathSignal) != 0)
+    if (command.deathSignal) {
+        if (prctl(PR_SET_PDEATHSIG, command.deathSignal) != 0)
             fail();
         // The starter may have ended before the request took hold.
         if (getppid() != parent)
@@ -130,18 +130,18 @@ int PidfdOpen(pid_t pid)
     // Every source out of the way first (above every target), so that one
     // dup2 cannot overwrite another's source.
     int above = 3;
-    for (const auto &m : spec.fds)
+    for (const auto &m : command.fds)
         above = std::max(above, m.first + 1);
     int moved[64];
-    const size_t n = std::min(spec.fds.size(), sizeof moved / sizeof moved[0]);
+    const size_t n = std::min(command.fds.size(), sizeof moved / sizeof moved[0]);
     for (size_t i = 0; i < n; ++i)
-        if ((moved[i] = fcntl(spec.fds[i].second, F_DUPFD_CLOEXEC, above)) < 0)
+        if ((moved[i] = fcntl(command.fds[i].second, F_DUPFD_CLOEXEC, above)) < 0)
             fail();
     const int reportHigh = fcntl(report, F_DUPFD_CLOEXEC, above);
     if (reportHigh >= 0)
         report = reportHigh;
     for (size_t i = 0; i < n; ++i)
-        if (dup2(moved[i], spec.fds[i].first) < 0)
+        if (dup2(moved[i], command.fds[i].first) < 0)
             fail();
     // Nothing else of the starter's reaches the program: a web server's
     // sockets or a test's files would otherwise outlive it there.
@@ -149,8 +149,8 @@ int PidfdOpen(pid_t pid)
     for (;;) {
         unsigned next = ~0U;
         for (size_t i = 0; i < n; ++i)
-            if (static_cast<unsigned>(spec.fds[i].first) >= from)
-                next = std::min(next, static_cast<unsigned>(spec.fds[i].first));
+            if (static_cast<unsigned>(command.fds[i].first) >= from)
+                next = std::min(next, static_cast<unsigned>(command.fds[i].first));
         if (next > from)
             close_range(from, next == ~0U ? ~0U : next - 1, CLOSE_RANGE_CLOEXEC);
         if (next == ~0U)
@@ -164,42 +164,42 @@ int PidfdOpen(pid_t pid)
 
 } // namespace
 
-Child Child::Start(const Spec &spec)
+Child Child::Start(const Command &command)
 {
-    if (spec.argv.empty())
+    if (command.argv.empty())
         throw Error("nothing to start", EINVAL);
-    if (spec.fds.size() > 64)
-        throw Error("too many descriptors for " + spec.argv[0], EINVAL);
+    if (command.fds.size() > 64)
+        throw Error("too many descriptors for " + command.argv[0], EINVAL);
     // Every text and array before the fork.
-    std::vector<std::string> args = spec.argv;
+    std::vector<std::string> args = command.argv;
     const char *pWrapper = std::getenv("LUMORA_EXEC_WRAPPER");
     if (pWrapper && *pWrapper) {
         // Through a wrapper the exec that fails would be the program's, after
         // the wrapper started: a program that cannot run is refused here, as
         // it is without one.
-        if (access(spec.argv[0].c_str(), X_OK) != 0) {
+        if (access(command.argv[0].c_str(), X_OK) != 0) {
             const int error = errno;
-            throw Error("cannot start " + spec.argv[0] + ": " + std::strerror(error), error);
+            throw Error("cannot start " + command.argv[0] + ": " + std::strerror(error), error);
         }
         args.insert(args.begin(), pWrapper);
     }
-    std::vector<std::string> envTexts = spec.env.Entries();
+    std::vector<std::string> envTexts = command.env.Entries();
     std::vector<char *> argv = Pointers(args);
     std::vector<char *> envp = Pointers(envTexts);
 
     int report[2];
     if (pipe2(report, O_CLOEXEC) != 0)
-        throw Error("cannot start " + spec.argv[0] + ": " + std::strerror(errno), errno);
+        throw Error("cannot start " + command.argv[0] + ": " + std::strerror(errno), errno);
     Fd reader(report[0]);
     Fd writer(report[1]);
     const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid < 0) {
         const int error = errno;
-        throw Error("cannot start " + spec.argv[0] + ": " + std::strerror(error), error);
+        throw Error("cannot start " + command.argv[0] + ": " + std::strerror(error), error);
     }
     if (pid == 0)
-        Become(spec, argv[0], argv.data(), envp.data(), writer.Get(), parent);
+        Become(command, argv[0], argv.data(), envp.data(), writer.Get(), parent);
     writer.Reset();
 
     Child child;
@@ -215,7 +215,7 @@ Child Child::Start(const Spec &spec)
     child.m_pidfd.Reset(PidfdOpen(pid));
     if (!child.m_pidfd) {
         const int pidfdError = errno;
-        throw Error("cannot watch " + spec.argv[0] + " (pidfd_open): " + std::strerror(pidfdError), pidfdError);
+        throw Error("cannot watch " + command.argv[0] + " (pidfd_open): " + std::strerror(pidfdError), pidfdError);
     }
     return child;
 }

@@ -2,7 +2,7 @@
 // service, lumora-tv, the web server, the engine's variants): lumora-tv run,
 // web and replay, the test harness and the benchmarks all start theirs here.
 //
-// A child gets exactly what its Spec names: its arguments, its whole
+// A child gets exactly what its Command names: its arguments, its whole
 // environment, its descriptors (0, 1 and 2 are inherited unless mapped; every
 // other one is closed), its own process group if asked, no blocked signal and
 // every signal at its default. Nothing in the starting program changes, so
@@ -75,7 +75,7 @@ private:
     std::vector<std::string> m_entries;
 };
 
-struct Spec {
+struct Command {
     std::vector<std::string> argv; // argv[0]: the program's path
     Environment env = Environment::Current();
     // The child's descriptor number and the starter's descriptor it gets.
@@ -91,9 +91,9 @@ public:
     using Clock = std::chrono::steady_clock;
 
     Child() = default;
-    // Starts spec.argv; an Error when the program cannot be started (it is
+    // Starts command.argv; an Error when the program cannot be started (it is
     // missing, not executable, ...), with nothing left running.
-    static Child Start(const Spec &spec);
+    static Child Start(const Command &command);
     // A child still running is killed (SIGKILL) and reaped: none is left behind.
     ~Child();
     Child(Child &&other) noexcept;
