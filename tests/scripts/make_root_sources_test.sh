@@ -27,13 +27,13 @@ etc deb822
 cat >"$work/deb822/sources.list.d/debian.sources" <<'S'
 # a comment
 Types: deb deb-src
-URIs: http://archive.example/debian
+URIs: file:/srv/archive/debian
 Suites: bookworm-updates bookworm
 Components: main contrib
 Signed-By: /usr/share/keyrings/example.gpg
 
 Types: deb
-URIs: http://security.example/debian-security
+URIs: file:/srv/security/debian-security
 Suites: bookworm-security
 Components: main
 Signed-By:
@@ -43,60 +43,60 @@ Signed-By:
 
 Types: deb
 Enabled: no
-URIs: http://disabled.example/debian
+URIs: file:/srv/disabled/debian
 Suites: bookworm
 Components: main
 S
 cat >"$work/deb822/sources.list.d/other.sources" <<'S'
 Types: deb
-URIs: http://amd64-only.example/apt
+URIs: file:/srv/amd64-only/apt
 Suites: bookworm
 Components: main
 Architectures: amd64
 
 Types: deb-src
-URIs: http://src-only.example/debian
+URIs: file:/srv/src-only/debian
 Suites: bookworm
 Components: main
 
 Types: deb
-URIs: http://old.example/debian
+URIs: file:/srv/old/debian
 Suites: bullseye bullseye-updates
 Components: main
 S
 echo 'Types: deb' >"$work/deb822/sources.list.d/ignored.sources.disabled"
-check deb822 armhf "deb [signed-by=/usr/share/keyrings/example.gpg] http://archive.example/debian bookworm main
-deb [signed-by=/usr/share/keyrings/example.gpg] http://archive.example/debian bookworm-updates main
-deb http://security.example/debian-security bookworm-security main"
+check deb822 armhf "deb [signed-by=/usr/share/keyrings/example.gpg] file:/srv/archive/debian bookworm main
+deb [signed-by=/usr/share/keyrings/example.gpg] file:/srv/archive/debian bookworm-updates main
+deb file:/srv/security/debian-security bookworm-security main"
 # The amd64-only repository belongs to an amd64 root.
-check deb822 amd64 "deb [signed-by=/usr/share/keyrings/example.gpg] http://archive.example/debian bookworm main
-deb http://amd64-only.example/apt bookworm main
-deb [signed-by=/usr/share/keyrings/example.gpg] http://archive.example/debian bookworm-updates main
-deb http://security.example/debian-security bookworm-security main"
+check deb822 amd64 "deb [signed-by=/usr/share/keyrings/example.gpg] file:/srv/archive/debian bookworm main
+deb file:/srv/amd64-only/apt bookworm main
+deb [signed-by=/usr/share/keyrings/example.gpg] file:/srv/archive/debian bookworm-updates main
+deb file:/srv/security/debian-security bookworm-security main"
 
 # One-line form: options in brackets, comments, deb-src, a line without main,
 # the old security suite, a trailing slash, the same source twice.
 etc oneline
 cat >"$work/oneline/sources.list" <<'S'
-deb [arch=amd64,arm64 signed-by=/k/one.gpg] http://one.example/debian bookworm main
-deb http://two.example/debian/ bookworm main non-free # a trailing comment
-deb-src http://two.example/debian bookworm main
-# deb http://commented.example/debian bookworm main
-deb http://contrib-only.example/debian bookworm contrib
-deb http://security.example bookworm/updates main
+deb [arch=amd64,arm64 signed-by=/k/one.gpg] file:/srv/one/debian bookworm main
+deb file:/srv/two/debian/ bookworm main non-free # a trailing comment
+deb-src file:/srv/two/debian bookworm main
+# deb file:/srv/commented/debian bookworm main
+deb file:/srv/contrib-only/debian bookworm contrib
+deb file:/srv/security bookworm/updates main
 S
 cat >"$work/oneline/sources.list.d/extra.list" <<'S'
-deb [arch=i386] http://i386.example/debian bookworm-updates main
-deb http://two.example/debian bookworm main
+deb [arch=i386] file:/srv/i386/debian bookworm-updates main
+deb file:/srv/two/debian bookworm main
 S
-check oneline armhf "deb http://two.example/debian bookworm main
-deb http://security.example bookworm/updates main"
-check oneline i386 "deb http://two.example/debian bookworm main
-deb http://i386.example/debian bookworm-updates main
-deb http://security.example bookworm/updates main"
-check oneline arm64 "deb [signed-by=/k/one.gpg] http://one.example/debian bookworm main
-deb http://two.example/debian bookworm main
-deb http://security.example bookworm/updates main"
+check oneline armhf "deb file:/srv/two/debian bookworm main
+deb file:/srv/security bookworm/updates main"
+check oneline i386 "deb file:/srv/two/debian bookworm main
+deb file:/srv/i386/debian bookworm-updates main
+deb file:/srv/security bookworm/updates main"
+check oneline arm64 "deb [signed-by=/k/one.gpg] file:/srv/one/debian bookworm main
+deb file:/srv/two/debian bookworm main
+deb file:/srv/security bookworm/updates main"
 
 # Nothing configured: nothing printed (make-root then refuses with a message).
 etc empty
